@@ -1,0 +1,7 @@
+#include "background/DataScrubber.h"
+
+
+DataScrubber* DataScrubber::GetInstance() {
+    static DataScrubber instance;
+    return &instance;
+}

@@ -1,0 +1,7 @@
+#include "background/DeadlockWatchdog.h"
+
+
+DeadlockWatchdog* DeadlockWatchdog::GetInstance() {
+    static DeadlockWatchdog instance;
+    return &instance;
+}

@@ -1,0 +1,7 @@
+#include "background/Defragmenter.h"
+
+
+Defragmenter* Defragmenter::GetInstance() {
+    static Defragmenter instance;
+    return &instance;
+}

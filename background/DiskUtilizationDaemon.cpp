@@ -1,0 +1,7 @@
+#include "background/DiskUtilizationDaemon.h"
+
+
+DiskUtilizationDaemon* DiskUtilizationDaemon::GetInstance() {
+    static DiskUtilizationDaemon instance;
+    return &instance;
+}

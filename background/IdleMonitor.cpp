@@ -1,0 +1,7 @@
+#include "background/IdleMonitor.h"
+
+
+IdleMonitor* IdleMonitor::GetInstance() {
+    static IdleMonitor instance;
+    return &instance;
+}

@@ -1,0 +1,7 @@
+#include "background/Watchdog.h"
+
+
+Watchdog* Watchdog::GetInstance() {
+    static Watchdog instance;
+    return &instance;
+}

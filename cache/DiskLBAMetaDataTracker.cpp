@@ -1,0 +1,7 @@
+#include "cache/DiskLBAMetaDataTracker.h"
+
+
+DiskLBAMetaDataTracker* DiskLBAMetaDataTracker::GetInstance() {
+    static DiskLBAMetaDataTracker instance;
+    return &instance;
+}

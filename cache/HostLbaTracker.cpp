@@ -1,0 +1,7 @@
+#include "cache/HostLbaTracker.h"
+
+
+HostLbaTracker* HostLbaTracker::GetInstance() {
+    static HostLbaTracker instance;
+    return &instance;
+}

@@ -1,0 +1,7 @@
+#include "cache/RegionMetaDataTracker.h"
+
+
+RegionMetaDataTracker* RegionMetaDataTracker::GetInstance() {
+    static RegionMetaDataTracker instance;
+    return &instance;
+}

@@ -1,0 +1,7 @@
+#include "cache/ZoneMetaDataTracker.h"
+
+
+ZoneMetaDataTracker* ZoneMetaDataTracker::GetInstance() {
+    static ZoneMetaDataTracker instance;
+    return &instance;
+}

@@ -1,0 +1,7 @@
+#include "cat/CATManager.h"
+
+
+CATManager* CATManager::GetInstance() {
+    static CATManager instance;
+    return &instance;
+}

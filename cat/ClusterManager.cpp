@@ -1,0 +1,7 @@
+#include "cat/ClusterManager.h"
+
+
+ClusterManager* ClusterManager::GetInstance() {
+    static ClusterManager instance;
+    return &instance;
+}

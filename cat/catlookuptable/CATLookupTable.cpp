@@ -1,0 +1,7 @@
+#include "cat/catlookuptable/CATLookupTable.h"
+
+
+CATLookupTable* CATLookupTable::GetInstance() {
+    static CATLookupTable instance;
+    return &instance;
+}

@@ -1,0 +1,7 @@
+#include "disk/DiskPowerManager.h"
+
+
+DiskPowerManager* DiskPowerManager::GetInstance() {
+    static DiskPowerManager instance;
+    return &instance;
+}

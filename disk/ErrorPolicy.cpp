@@ -1,0 +1,7 @@
+#include "disk/ErrorPolicy.h"
+
+
+ErrorPolicy* ErrorPolicy::GetInstance() {
+    static ErrorPolicy instance;
+    return &instance;
+}

@@ -1,0 +1,7 @@
+#include "host/Dispatcher.h"
+
+
+Dispatcher* Dispatcher::GetInstance() {
+    static Dispatcher instance;
+    return &instance;
+}

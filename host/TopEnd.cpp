@@ -1,0 +1,7 @@
+#include "host/TopEnd.h"
+
+
+TopEnd* TopEnd::GetInstance() {
+    static TopEnd instance;
+    return &instance;
+}

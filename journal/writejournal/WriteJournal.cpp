@@ -1,0 +1,7 @@
+#include "journal/writejournal/WriteJournal.h"
+
+
+WriteJournal* WriteJournal::GetInstance() {
+    static WriteJournal instance;
+    return &instance;
+}

@@ -1,0 +1,7 @@
+#include "management/HAManager.h"
+
+
+HAManager* HAManager::GetInstance() {
+    static HAManager instance;
+    return &instance;
+}

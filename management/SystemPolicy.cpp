@@ -1,0 +1,7 @@
+#include "management/SystemPolicy.h"
+
+
+SystemPolicy* SystemPolicy::GetInstance() {
+    static SystemPolicy instance;
+    return &instance;
+}

@@ -1,0 +1,7 @@
+#include "region/RegionManager.h"
+
+
+RegionManager* RegionManager::GetInstance() {
+    static RegionManager instance;
+    return &instance;
+}

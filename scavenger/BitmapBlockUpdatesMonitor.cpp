@@ -1,0 +1,7 @@
+#include "scavenger/BitmapBlockUpdatesMonitor.h"
+
+
+BitmapBlockUpdatesMonitor* BitmapBlockUpdatesMonitor::GetInstance() {
+    static BitmapBlockUpdatesMonitor instance;
+    return &instance;
+}

@@ -1,0 +1,7 @@
+#include "scavenger/ClusterScavenger.h"
+
+
+ClusterScavenger* ClusterScavenger::GetInstance() {
+    static ClusterScavenger instance;
+    return &instance;
+}

@@ -1,0 +1,7 @@
+#include "scavenger/OnDiskStore.h"
+
+
+OnDiskStore* OnDiskStore::GetInstance() {
+    static OnDiskStore instance;
+    return &instance;
+}

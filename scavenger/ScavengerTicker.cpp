@@ -1,0 +1,7 @@
+#include "scavenger/ScavengerTicker.h"
+
+
+ScavengerTicker* ScavengerTicker::GetInstance() {
+    static ScavengerTicker instance;
+    return &instance;
+}

@@ -1,0 +1,1 @@
+int esaStandaloneMain(int, char**) { return 0; }

@@ -1,0 +1,11 @@
+#pragma once
+// Named crash points: a power cut at an exact place in the code. When the
+// point named by ESA_CRASH_AT ("name" or "name:N" for the N-th pass), or by the
+// console command `crashPoint`, is passed, the process ends at once with
+// Board::kCrashPointExitStatus: nothing is flushed, exactly as when power fails
+// (battery-backed regions and flushed sectors survive, the rest does not).
+#include <string>
+
+void CrashPoint(const char* name);
+void armCrashPoint(const std::string& name, unsigned pass);
+void disarmCrashPoint();

@@ -1,0 +1,3 @@
+#include "util/LockObjectBase.h"
+
+std::atomic<bool> LockObjectBase::bypass{false};

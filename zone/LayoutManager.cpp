@@ -1,0 +1,7 @@
+#include "zone/LayoutManager.h"
+
+
+LayoutManager* LayoutManager::GetInstance() {
+    static LayoutManager instance;
+    return &instance;
+}

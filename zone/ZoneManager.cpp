@@ -1,0 +1,7 @@
+#include "zone/ZoneManager.h"
+
+
+ZoneManager* ZoneManager::GetInstance() {
+    static ZoneManager instance;
+    return &instance;
+}
