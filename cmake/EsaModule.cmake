@@ -32,6 +32,7 @@ function(esa_module name)
   target_link_libraries(${name} PUBLIC Threads::Threads nlohmann_json::nlohmann_json)
   set(ESA_MODULES ${ESA_MODULES} ${name} CACHE INTERNAL "")
   if(tests)
+    list(JOIN tests "|" tests)  # one list entry per module, however many test files
     set(ESA_TEST_SOURCES ${ESA_TEST_SOURCES} "${name}|${tests}" CACHE INTERNAL "")
   endif()
 endfunction()

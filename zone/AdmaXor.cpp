@@ -5,16 +5,23 @@
 #include <cstdio>
 
 #include "util/Trace.h"
+#include "zone/XORPerfInfo.h"
 
 namespace {
 
+std::atomic<unsigned> gInjectedPasses{0};
 std::atomic<unsigned> gInjectedFailures{0};
 
-bool takeInjectedFailure() {
-    unsigned n = gInjectedFailures.load(std::memory_order_relaxed);
+bool takeOne(std::atomic<unsigned>& counter) {
+    unsigned n = counter.load(std::memory_order_relaxed);
     while (n > 0)
-        if (gInjectedFailures.compare_exchange_weak(n, n - 1)) return true;
+        if (counter.compare_exchange_weak(n, n - 1)) return true;
     return false;
+}
+
+bool takeInjectedFailure() {
+    if (gInjectedFailures.load(std::memory_order_relaxed) == 0 || takeOne(gInjectedPasses)) return false;
+    return takeOne(gInjectedFailures);
 }
 
 // The board side of one XOR: checks the request as the kernel would and runs it.
@@ -78,14 +85,7 @@ void chainedXor(unsigned long elements, const unsigned long* sourceCounts, const
     }
 }
 
-XORPerfInfo& XORPerfInfo::GetInstance() {
-    static XORPerfInfo info;
-    return info;
+void injectXorFailures(unsigned count, unsigned passFirst) {
+    gInjectedPasses = passFirst;
+    gInjectedFailures = count;
 }
-
-void XORPerfInfo::Dump(std::ostream& out) const {
-    out << "XOR timings:\n";
-    timings.Dump(out);
-}
-
-void injectXorFailures(unsigned count) { gInjectedFailures = count; }

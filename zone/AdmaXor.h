@@ -10,7 +10,6 @@
 // parallel, each on its own core.
 #include <cstdint>
 
-#include "util/PerfAccumulator.h"
 #include "util/StatusCode.h"
 #include "zone/XorEngine.h"
 
@@ -29,14 +28,7 @@ void admaXor(unsigned long sourceCount, uint8_t* const* sources, uint8_t* dest, 
 void chainedXor(unsigned long elements, const unsigned long* sourceCounts, const XorSourceRow* sourceRows,
                 uint8_t* const* dests, const unsigned long* lengths, StatusCode& status);
 
-// XORPerfInfo: the timing of every XOR request, in microseconds of processor
-// time ("XOR timings:"). Updated without a lock; a lost sample is accepted.
-struct XORPerfInfo {
-    static XORPerfInfo& GetInstance();
-    PerfAccumulator timings;
-    void Dump(std::ostream& out) const;
-};
-
-// Makes the next count board XOR requests fail as the hardware would, so that
-// callers' failure handling can be exercised.
-void injectXorFailures(unsigned count);
+// Makes board XOR requests fail as the hardware would, so that callers'
+// failure handling can be exercised: after passFirst more good requests, the
+// next count fail. A count of 0 ends the injection.
+void injectXorFailures(unsigned count, unsigned passFirst = 0);

@@ -149,3 +149,56 @@ StatusCode rebuildDRStripeColumns(const DRStripeCode& code, const ExtentList* co
     XORDiagonalWindow(columns[W - 1], columns, W - 1, DRStripeCode::kBlockSize, status);
     return status;
 }
+
+namespace {
+
+// The columns of a DRStripe code held in memory: zero columns share one buffer of zeros.
+struct DRStripeBuffers {
+    DRStripeBuffers(const DRStripeCode& code, uint32_t lines)
+        : zeros(lines * code.columnBlockSize(), 0), stored(code.width, std::vector<uint8_t>(zeros.size())) {
+        for (unsigned z = 0; z < code.zeroColumns; ++z) columns.emplace_back(zeros.data(), uint32_t(zeros.size()));
+        for (auto& column : stored) columns.emplace_back(column.data(), uint32_t(column.size()));
+    }
+    std::vector<uint8_t> zeros;
+    std::vector<std::vector<uint8_t>> stored;  // data columns, horizontal, diagonal
+    std::vector<ExtentList> columns;           // the code's W columns
+};
+
+}  // namespace
+
+unsigned testDRRecoveryCombinations(const DRStripeCode& code, uint32_t lines, uint32_t seed, unsigned& combinations) {
+    const unsigned W = code.paddedWidth(), z = code.zeroColumns, stored = code.width;
+    DRStripeBuffers original(code, lines);
+    uint32_t state = seed ? seed : 1;
+    for (unsigned c = 0; c < code.dataColumns; ++c)
+        for (uint8_t& byte : original.stored[c]) {
+            state ^= state << 13, state ^= state >> 17, state ^= state << 5;
+            byte = uint8_t(state);
+        }
+    StatusCode status;
+    XOR2DWindow(original.columns[W - 2], original.columns[W - 1], original.columns.data(), code.sources(),
+                DRStripeCode::kBlockSize, status);
+    if (!status.ok()) return combinations = 1;
+
+    unsigned failures = 0;
+    combinations = 0;
+    DRStripeBuffers work(code, lines);
+    for (unsigned first = 0; first < stored; ++first) {
+        for (unsigned second = first; second < stored; ++second) {
+            ++combinations;
+            std::vector<bool> lost(W, false);
+            lost[z + first] = lost[z + second] = true;
+            bool present[kXorMaxSources + 1];
+            for (unsigned x = 0; x < W; ++x) present[x] = !lost[x];
+            for (unsigned c = 0; c < stored; ++c) {
+                work.stored[c] = original.stored[c];
+                if (lost[z + c]) std::fill(work.stored[c].begin(), work.stored[c].end(), uint8_t(0xA5));
+            }
+            status = rebuildDRStripeColumns(code, work.columns.data(), present);
+            bool same = status.ok();
+            for (unsigned c = 0; c < stored && same; ++c) same = work.stored[c] == original.stored[c];
+            if (!same) ++failures;
+        }
+    }
+    return failures;
+}

@@ -52,3 +52,11 @@ private:
 StatusCode rebuildDRStripeColumns(const DRStripeCode& code, const ExtentList* columns, const bool* columnPresent);
 
 extern Trace drRecoveryTrace;
+
+// The self-test of the recovery: fills `lines` superstripe lines of the code
+// with pseudo-random data from seed, makes both parities, then for every
+// single column and every pair of columns of the Zone (data, horizontal,
+// diagonal) loses them, rebuilds them and compares byte for byte. Returns the
+// number of combinations that did not come back identical; combinations gets
+// how many were tried.
+unsigned testDRRecoveryCombinations(const DRStripeCode& code, uint32_t lines, uint32_t seed, unsigned& combinations);
