@@ -1,5 +1,6 @@
 #include "zone/XORWindow.h"
 
+#include <algorithm>
 #include <array>
 #include <vector>
 
@@ -8,6 +9,11 @@
 #include "zone/AdmaXor.h"
 
 namespace {
+
+// Bytes of all columns of a dual-parity computation kept in the processor's
+// cache between its horizontal and diagonal passes: half of a typical
+// per-core second-level cache.
+constexpr uint32_t kXor2DChunkBytes = 512 * 1024;
 
 // A position in an ExtentList that moves forward across its extents.
 class ExtentCursor {
@@ -41,7 +47,7 @@ bool walkInStep(const ExtentList* const* lists, unsigned count, uint32_t length,
         ESA_ASSERT_OP(lists[i]->length(), >=, length);
         cursors[i] = ExtentCursor(*lists[i]);
     }
-    std::array<uint8_t*, kXorMaxSources + 1> pointers;
+    std::array<uint8_t*, kXorMaxSources + 1> pointers{};
     while (length > 0) {
         uint32_t step = length;
         for (unsigned i = 0; i < count; ++i) {
@@ -172,18 +178,37 @@ void XORDiagonalWindow(const ExtentList& diagonal, const ExtentList* columns, un
 
 void XOR2DWindow(const ExtentList& horizontal, const ExtentList& diagonal, const ExtentList* sources, unsigned n,
                  uint32_t blockSize, StatusCode& status) {
-    XORWindow(horizontal, sources, n, status);
-    if (!status.ok()) {
-        tracef(coutTrace, "XOR2DWindow failed to generate horizontal parity - StatusCode=%s\n",
-               status.Dump().c_str());
-        return;
-    }
+    ESA_ASSERT(n >= 2 && n + 1 <= kXorMaxSources);
+    // Superstripe lines are independent, so the window is done a few lines at a
+    // time: the diagonal pass then reads blocks that the horizontal pass has
+    // just brought into the processor's cache, instead of memory.
+    const uint32_t lineBytes = n * blockSize;  // one column's share of a superstripe line
+    const uint32_t length = horizontal.length();
+    ESA_ASSERT_OP(length % lineBytes, ==, 0);
+    const uint32_t chunkLines = std::max<uint32_t>(1, kXor2DChunkBytes / ((n + 2) * lineBytes));
+    const uint32_t chunk = chunkLines * lineBytes;
+    std::array<ExtentList, kXorMaxSources> slices;
     std::array<const ExtentList*, kXorMaxSources> columns;
-    ESA_ASSERT_OP(n + 1, <=, columns.size());
-    for (unsigned c = 0; c < n; ++c) columns[c] = &sources[c];
-    columns[n] = &horizontal;
-    diagonalParity(diagonal, columns.data(), n + 1, blockSize, status);
-    if (!status.ok())
-        tracef(coutTrace, "XOR2DWindow failed to generate diagonal parity - StatusCode=%s\n",
-               status.Dump().c_str());
+    status = StatusCode::Success;
+    for (uint32_t pos = 0; pos < length && status.ok(); pos += chunk) {
+        const uint32_t take = std::min(chunk, length - pos);
+        const bool whole = take == length;
+        for (unsigned c = 0; c < n; ++c) {
+            if (!whole) slices[c] = sources[c].slice(pos, take);
+            columns[c] = whole ? &sources[c] : &slices[c];
+        }
+        if (!whole) slices[n] = horizontal.slice(pos, take);
+        columns[n] = whole ? &horizontal : &slices[n];
+
+        XORWindow(*columns[n], whole ? sources : slices.data(), n, status);
+        if (!status.ok()) {
+            tracef(coutTrace, "XOR2DWindow failed to generate horizontal parity - StatusCode=%s\n",
+                   status.Dump().c_str());
+            return;
+        }
+        diagonalParity(whole ? diagonal : diagonal.slice(pos, take), columns.data(), n + 1, blockSize, status);
+        if (!status.ok())
+            tracef(coutTrace, "XOR2DWindow failed to generate diagonal parity - StatusCode=%s\n",
+                   status.Dump().c_str());
+    }
 }
