@@ -32,7 +32,8 @@ TEST(DRRecoveryMatrix, DiagonalListsAreTheBlocksOfTheSameDiagonalNumber) {
         for (unsigned x = 0; x < S; ++x)
             for (unsigned y = 0; y < R; ++y) {
                 const unsigned diagonal = (x + S - y) % S;
-                ASSERT_EQ(m.recoverableByDiagonal(x, y), diagonal != S - 1) << "W " << W << " (" << x << "," << y << ")";
+                ASSERT_EQ(m.recoverableByDiagonal(x, y), diagonal != S - 1)
+                    << "W " << W << " (" << x << "," << y << ")";
                 if (diagonal == S - 1) continue;
                 std::vector<unsigned> expect;
                 for (unsigned r = 0; r < R; ++r) {
@@ -95,8 +96,8 @@ TEST(DRRecovery, AnyOneOrTwoColumnsOfEveryCodeComeBackForEveryBatchSize) {
                     if (b != a) lost.push_back(b);
                     ASSERT_TRUE(f.loseAndRebuild(lost).ok()) << "DRStripe" << width << " lost " << a << "," << b;
                     for (unsigned c = 0; c < code.width; ++c)
-                        ASSERT_EQ(f.stored[c], f.original[c])
-                            << "DRStripe" << width << " lines " << lines << " lost " << a << "," << b << " column " << c;
+                        ASSERT_EQ(f.stored[c], f.original[c]) << "DRStripe" << width << " lines " << lines << " lost "
+                                                              << a << "," << b << " column " << c;
                 }
         }
     }

@@ -56,7 +56,8 @@ void checkType(RT type, uint32_t zone, uint32_t R) {
             ASSERT_LT(p.slot, regions);
             ASSERT_EQ(p.offset, data.offset) << name(type) << " copy " << unsigned(copy) << " off " << off;
             const unsigned rowSlots = stripe ? q : RedundancyGeometry::kRegionsPerZone;
-            ASSERT_EQ(p.slot % rowSlots, data.slot % rowSlots) << name(type) << " copy in another Region row, off " << off;
+            ASSERT_EQ(p.slot % rowSlots, data.slot % rowSlots)
+                << name(type) << " copy in another Region row, off " << off;
             ASSERT_FALSE(isDataColumn(type, zone, g.columnOfSlot(p.slot)) && type != RT::SelfMirrored);
             if (type == RT::SelfMirrored) {
                 ASSERT_NE(p.slot, data.slot);
@@ -152,9 +153,9 @@ TEST(RedundancyGeometry, NextRegionDeltaWalksEveryDataSlotColumnByColumn) {
         RedundancyGeometry g(type, 2, R);
         std::set<unsigned> seen;
         for (uint32_t off = 0; off < g.zoneSize(); off += g.NextRegionDelta(off)) seen.insert(g.dataPlace(off).slot);
-        const unsigned expect = RedundancyGeometry::IsStripe(type)
-                                    ? RedundancyGeometry::GetStripeDataWidth(type) * RedundancyGeometry::SlotsPerColumn(type)
-                                    : RedundancyGeometry::kRegionsPerZone;
+        const unsigned expect = RedundancyGeometry::IsStripe(type) ? RedundancyGeometry::GetStripeDataWidth(type) *
+                                                                         RedundancyGeometry::SlotsPerColumn(type)
+                                                                   : RedundancyGeometry::kRegionsPerZone;
         EXPECT_EQ(seen.size(), expect) << name(type);
     }
     // At the last column of a line the walk goes to the same line of the next Region row.
