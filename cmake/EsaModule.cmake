@@ -32,8 +32,9 @@ function(esa_module name)
   target_link_libraries(${name} PUBLIC Threads::Threads nlohmann_json::nlohmann_json)
   set(ESA_MODULES ${ESA_MODULES} ${name} CACHE INTERNAL "")
   if(tests)
-    list(JOIN tests "|" tests)  # one list entry per module, however many test files
-    set(ESA_TEST_SOURCES ${ESA_TEST_SOURCES} "${name}|${tests}" CACHE INTERNAL "")
+    # Commas keep a module's several test files in one entry of the list.
+    string(REPLACE ";" "," testlist "${tests}")
+    set(ESA_TEST_SOURCES ${ESA_TEST_SOURCES} "${name}|${testlist}" CACHE INTERNAL "")
   endif()
 endfunction()
 
@@ -47,8 +48,9 @@ function(esa_finish_modules)
   foreach(entry ${ESA_TEST_SOURCES})
     string(REPLACE "|" ";" parts "${entry}")
     list(GET parts 0 name)
-    list(REMOVE_AT parts 0)
-    add_executable(${name}_tests ${parts})
+    list(GET parts 1 files)
+    string(REPLACE "," ";" files "${files}")
+    add_executable(${name}_tests ${files})
     target_link_libraries(${name}_tests PRIVATE esa_stack esa_testsupport esa_unittest_main GTest::gtest GTest::gmock)
     gtest_discover_tests(${name}_tests DISCOVERY_MODE PRE_TEST
       PROPERTIES LABELS unit ENVIRONMENT "ESA_BIN_DIR=${CMAKE_BINARY_DIR}/bin")
