@@ -98,8 +98,8 @@ TEST(DataWindowXOR, DiagonalTargetsReferenceTheColumnsBlocks) {
 
 TEST(DataWindowXOR, AccumulatingFormsOverWindows) {
     std::mt19937 rng(33);
-    auto a = paritytest::randomBytes(6000, rng), b = paritytest::randomBytes(6000, rng);
-    auto d = paritytest::randomBytes(6000, rng);
+    auto a = paritytest::randomBytes(6144, rng), b = paritytest::randomBytes(6144, rng);
+    auto d = paritytest::randomBytes(6144, rng);
     DataWindow wa = unevenWindow(a, rng), wb = unevenWindow(b, rng), wd = unevenWindow(d, rng);
     StatusCode status;
     XORWindow(wd, wa, status);
