@@ -93,19 +93,8 @@ void buildXOR2DWindows(uint32_t blockSize, const DataWindow* columns, DataWindow
         ESA_ASSERT_OP(columns[c].GetLength(), ==, columns[0].GetLength());
         cursors.emplace_back(columns[c]);
     }
-    // Every column gives one block per line, in line order; the skipped block
-    // of a line is passed over.
-    uint32_t line = 0;
-    std::vector<bool> taken(S, false);
-    walkXOR2DBlocks(S, lines, [&](unsigned t, unsigned column, uint32_t blockLine) {
-        if (blockLine != line) {
-            for (unsigned c = 0; c < S; ++c)
-                if (!taken[c]) cursors[c].take(blockSize, nullptr);
-            std::fill(taken.begin(), taken.end(), false);
-            line = blockLine;
-        }
-        cursors[column].take(blockSize, &targets[t]);
-        taken[column] = true;
+    walkXOR2DBlocks(S, lines, [&](unsigned t, unsigned column) {
+        cursors[column].take(blockSize, t == kSkippedBlock ? nullptr : &targets[t]);
     });
 }
 #endif

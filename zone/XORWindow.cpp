@@ -29,6 +29,16 @@ public:
             mOffset = 0;
         }
     }
+    // Moves over the next `length` bytes, appending references to them to
+    // target unless it is null.
+    void take(uint32_t length, ExtentList* target) {
+        while (length > 0) {
+            const uint32_t step = std::min(length, remaining());
+            if (target) target->add(data(), step);
+            advance(step);
+            length -= step;
+        }
+    }
 
 private:
     const ExtentList* mList = nullptr;
@@ -96,8 +106,10 @@ void buildTargets(uint32_t blockSize, const ExtentList* const* columns, ExtentLi
     const uint32_t lines = columns[0]->length() / blockSize;
     for (unsigned c = 1; c < S; ++c) ESA_ASSERT_OP(columns[c]->length(), ==, columns[0]->length());
     for (unsigned t = 0; t + 1 < S; ++t) targets[t].reserve(targets[t].count() + lines);
-    walkXOR2DBlocks(S, lines, [&](unsigned t, unsigned column, uint32_t block) {
-        targets[t].add(*columns[column], block * blockSize, blockSize);
+    std::array<ExtentCursor, kXorMaxSources> cursors;
+    for (unsigned c = 0; c < S; ++c) cursors[c] = ExtentCursor(*columns[c]);
+    walkXOR2DBlocks(S, lines, [&](unsigned t, unsigned column) {
+        cursors[column].take(blockSize, t == kSkippedBlock ? nullptr : &targets[t]);
     });
 }
 

@@ -50,18 +50,21 @@ void XORDiagonalWindow(const ExtentList& diagonal, const ExtentList* columns, un
 // superstripe line, target t gets E[(t + i) mod S][t] for i = 0..S-2.
 void buildXOR2DWindows(uint32_t blockSize, const ExtentList* columns, ExtentList* targets, unsigned S);
 
-// The block order of buildXOR2DWindows, for any window type: calls
-// append(target, column, blockIndex) once per block taken, in order, for
-// `lines` blocks of every column (a whole number of superstripe lines).
-template <class Append>
-void walkXOR2DBlocks(unsigned S, uint32_t lines, Append&& append) {
+// The block order of buildXOR2DWindows, for any window type. For `lines`
+// blocks of every column (a whole number of superstripe lines), line by line,
+// calls block(target, column) for each block in the order it is appended to
+// that target, and block(kSkippedBlock, column) for the one block of the line
+// that no target takes; every column gives exactly one block per line.
+constexpr unsigned kSkippedBlock = ~0u;
+template <class Block>
+void walkXOR2DBlocks(unsigned S, uint32_t lines, Block&& block) {
     const unsigned M = S - 1;  // targets, one per diagonal with a parity block
     unsigned t = 0;
     for (uint32_t line = 0; line < lines; ++line) {
         const unsigned skip = (t + S - 1) % S;  // S - 1 at every superstripe line's start
         for (unsigned k = 0; k < S; ++k) {
             const unsigned s = (t + k) % S;
-            if (s != skip) append(t, s, line);
+            block(s == skip ? kSkippedBlock : t, s);
         }
         t = (t + 1) % M;
     }
