@@ -144,6 +144,9 @@ const char* XorEngine::kernelName(Kernel kernel) {
 }
 
 bool XorEngine::supported(Kernel kernel) {
+#ifdef ESA_XOR_X86
+    __builtin_cpu_init();  // safe to repeat; needed if asked before the C library's constructors ran
+#endif
     switch (kernel) {
     case Kernel::Portable: return true;
 #ifdef ESA_XOR_X86
