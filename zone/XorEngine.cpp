@@ -160,8 +160,13 @@ bool XorEngine::supported(Kernel kernel) {
 }
 
 void XorEngine::run(Kernel kernel, const uint8_t* const* sources, unsigned count, uint8_t* dest, size_t length) {
-    ESA_ASSERT(count >= 1 && count <= kXorMaxSources);
     ESA_ASSERT(supported(kernel));
+    dispatch(kernel, sources, count, dest, length);
+}
+
+void XorEngine::dispatch(Kernel kernel, const uint8_t* const* sources, unsigned count, uint8_t* dest,
+                         size_t length) {
+    ESA_ASSERT(count >= 1 && count <= kXorMaxSources);
     if (length == 0) return;
     switch (kernel) {
 #ifdef ESA_XOR_X86

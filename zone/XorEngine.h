@@ -22,7 +22,7 @@ public:
     // dest = sources[0] ^ ... ^ sources[count - 1], over length bytes; any length.
     // count is 1 to kXorMaxSources.
     void xorSources(const uint8_t* const* sources, unsigned count, uint8_t* dest, size_t length) const {
-        run(mKernel, sources, count, dest, length);
+        dispatch(mKernel, sources, count, dest, length);
     }
 
     Kernel kernel() const { return mKernel; }
@@ -34,5 +34,6 @@ public:
 
 private:
     XorEngine();
+    static void dispatch(Kernel kernel, const uint8_t* const* sources, unsigned count, uint8_t* dest, size_t length);
     Kernel mKernel;
 };
