@@ -38,6 +38,7 @@
 #include "util/Assert.h"
 #include "util/CrashPoint.h"
 #include "util/DebugClass.h"
+#include "util/Endian.h"
 #include "util/Trace.h"
 #include "zone/LayoutManager.h"
 #include "zone/Zone0InfoTable.h"
@@ -74,13 +75,6 @@ bool readOnlyStep(const char* name, const char* what, StatusCode status) {
     ESA_CONSOLE(name << " " << what << " called");
     ESA_CONSOLE(name << " " << what << (status == StatusCode::Success ? " passed" : " failed"));
     return status == StatusCode::Success;
-}
-
-void putLe32(unsigned char* p, uint32_t v) {
-    for (int i = 0; i < 4; ++i) p[i] = uint8_t(v >> (8 * i));
-}
-uint32_t getLe32(const unsigned char* p) {
-    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
 }
 
 }  // namespace
