@@ -297,9 +297,9 @@ void SystemManager::loadSavedState(MountState& mount, BatState& battery) {
         if (InLabMode()) reportUnaryAssertion(__FILE__, __LINE__, __func__, "loadSavedState read");
         return;
     }
-    uint32_t signature = getLe32(mZone0Buffer), version = getLe32(mZone0Buffer + 4);
+    uint32_t signature = getLE32(mZone0Buffer), version = getLE32(mZone0Buffer + 4);
     if (signature == kSavedStateEntry && version == 1) {
-        uint32_t m = getLe32(mZone0Buffer + 8), b = getLe32(mZone0Buffer + 12);
+        uint32_t m = getLE32(mZone0Buffer + 8), b = getLE32(mZone0Buffer + 12);
         mount = m <= MOUNT_UNKNOWN ? MountState(m) : MOUNT_UNKNOWN;
         battery = b <= BAT_DEFAULT ? BatState(b) : BAT_DEFAULT;
         return;
@@ -317,10 +317,10 @@ void SystemManager::saveState(MountState mount, BatState battery) {
         mZone0InfoTable->CreateEntry(kSavedStateEntry, 1, 4096, kSavedStateSignature);
     }
     std::memset(mZone0Buffer, 0, 4096);
-    putLe32(mZone0Buffer, kSavedStateEntry);
-    putLe32(mZone0Buffer + 4, 1);
-    putLe32(mZone0Buffer + 8, uint32_t(mount));
-    putLe32(mZone0Buffer + 12, uint32_t(battery));
+    putLE32(mZone0Buffer, kSavedStateEntry);
+    putLE32(mZone0Buffer + 4, 1);
+    putLE32(mZone0Buffer + 8, uint32_t(mount));
+    putLE32(mZone0Buffer + 12, uint32_t(battery));
     StatusCode s = mZone0InfoTable->WriteArea(kSavedStateEntry, mZone0Buffer, 4096);
     if (s != StatusCode::Success) {
         mZone0InfoTable->EraseEntry(kSavedStateEntry);
