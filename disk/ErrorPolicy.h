@@ -1,14 +1,11 @@
 #pragma once
 // ErrorPolicy: the least the start-up and pack load sequence needs for now; it
 // takes no action on disk errors yet.
-#include "include/ManagerBase.h"
+#include "include/ManagerStandIn.h"
 
-class ErrorPolicy : public ManagerBase {
+class ErrorPolicy : public ManagerStandIn {
 public:
     static ErrorPolicy* GetInstance();
-    StatusCode Initialize() override { return StatusCode::Success; }
-    StatusCode LoadDiskPack() override { return StatusCode::Success; }
-    StatusCode UnloadDiskPack() override { return StatusCode::Success; }
 
 private:
     ErrorPolicy() = default;
