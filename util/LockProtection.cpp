@@ -1,5 +1,10 @@
 #include "util/LockProtection.h"
 
+#include <sstream>
+
+#include "util/ConsoleCommand.h"
+#include "util/QueuedLock.h"
+
 LockProtection& LockProtection::GetInstance() {
     // Never destroyed: locks with static storage unregister during exit.
     static LockProtection* instance = new LockProtection;
@@ -31,3 +36,33 @@ void LockProtection::forEach(const std::function<void(LockObjectBase&)>& visit) 
     for (Registry* r : {&mLockObjects, &mExtendingLockObjects, &mReentrantLockObjects})
         for (LockObjectBase* l : *r) visit(*l);
 }
+
+// The `dumpLock` console command: the state of the named lock (every lock of
+// that name), or of every lock that is held when no name is given. It lives
+// beside the registry so that every program with locks has it.
+namespace {
+bool isHeld(LockObjectBase& lock) {
+    if (auto* q = dynamic_cast<QueuedLock*>(&lock)) return q->isLocked();
+    std::ostringstream text;
+    lock.Dump(text, false);
+    return text.str().find("LOCKED") != std::string::npos;
+}
+
+int dumpLockCommand(int argc, char** argv, std::ostream& out) {
+    std::string name = argc > 1 ? argv[1] : "";
+    unsigned found = 0;
+    LockProtection::GetInstance().forEach([&](LockObjectBase& lock) {
+        if (name.empty() ? !isHeld(lock) : lock.GetName() != name) return;
+        ++found;
+        lock.Dump(out, true);
+    });
+    if (found == 0) {
+        if (name.empty()) out << "No lock is held\n";
+        else out << "No lock named " << name << "\n";
+    }
+    return 0;
+}
+
+ConsoleCommand gDumpLock("dumpLock", "dumpLock <lock name> : Dump the state of the specific named lock",
+                         dumpLockCommand);
+}  // namespace
