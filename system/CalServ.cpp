@@ -297,11 +297,20 @@ StatusCode CalServ::updateTimeNoLock(long now, bool warpCheck) {
     return StatusCode::Success;
 }
 
+// The alarm that decides delivery: the earliest one that can expire. A
+// tracked alarm only keeps time; at the head it would hold back every later
+// alarm for ever, since only the head is tested.
+CalServ::esaAlarm* CalServ::headAlarm() {
+    for (esaAlarm& a : mAlarms)
+        if (a.type != TRACKED) return &a;
+    return nullptr;
+}
+
 void CalServ::checkAndDispatchAlarms() {
-    if (mAlarms.empty()) return;
-    esaAlarm& head = mAlarms.front();
-    if (head.expiryTime <= mCalTime && head.deliveryTime == 0) {
-        head.deliveryTime = mCalTime;
+    esaAlarm* head = headAlarm();
+    if (!head) return;
+    if (head->expiryTime <= mCalTime && head->deliveryTime == 0) {
+        head->deliveryTime = mCalTime;
         // The event only says that something is due; each owner asks isAlarmExpired.
         EventManager::GetInstance()->NewEvent(eCalendar, false, 0UL);
     }
@@ -319,12 +328,11 @@ StatusCode CalServ::updateTime(long now, bool warpCheck) {
         }
         sortAlarms();
         checkAndDispatchAlarms();
-        if (!mAlarms.empty()) {
-            const esaAlarm& head = mAlarms.front();
-            if (head.deliveryTime != 0 && now - head.deliveryTime >= kStaleSeconds) {
-                ESA_TRACE(tCal, "Cal: discarding stale alarm: 0x" << hex(head.source));
+        if (const esaAlarm* head = headAlarm()) {
+            if (head->deliveryTime != 0 && now - head->deliveryTime >= kStaleSeconds) {
+                ESA_TRACE(tCal, "Cal: discarding stale alarm: 0x" << hex(head->source));
                 stale = true;
-                staleSource = head.source;
+                staleSource = head->source;
             }
         }
         saveAndCommit();

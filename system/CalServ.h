@@ -77,6 +77,7 @@ public:
 private:
     StatusCode updateTimeNoLock(long now, bool warpCheck);
     void checkAndDispatchAlarms();
+    esaAlarm* headAlarm();
     void sortAlarms();
     std::vector<esaAlarm>::iterator find(uint32_t source);
     void assertLockedExclusive();
