@@ -421,6 +421,11 @@ bool SimDriveController::slotPowered(unsigned slot) {
     return slot < kDriveSlots && mSlots[slot].powered;
 }
 
+int SimDriveController::readsAndWritesInFlight(unsigned slot) {
+    std::lock_guard<std::mutex> g(mLock);
+    return slot < kDriveSlots ? mSlots[slot].ioInFlight : 0;
+}
+
 std::shared_ptr<SimDisk> SimDriveController::disk(unsigned slot) {
     std::lock_guard<std::mutex> g(mLock);
     scanLocked();

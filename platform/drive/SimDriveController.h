@@ -46,6 +46,7 @@ public:
     void setWriteThrough(bool on);
     bool diskPresent(unsigned slot);
     bool slotPowered(unsigned slot);
+    int readsAndWritesInFlight(unsigned slot);
     nlohmann::json describe();
     // The disk object in a slot (tests, benchmarks); null when empty.
     std::shared_ptr<SimDisk> disk(unsigned slot);
