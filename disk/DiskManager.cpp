@@ -58,8 +58,11 @@ void DiskManager::requestThread(int* slotArgument) {
     }
 }
 
+void linkDiskConsoleCommands();
+
 StatusCode DiskManager::Initialize() {
     if (mInitialized) return StatusCode::Success;
+    linkDiskConsoleCommands();
     EventManager::GetInstance()->AddHandlerStart(eHotplugDisk, this, &DiskManager::DoHotPlugDisk);
     for (int s = 0; s < kSlots; ++s) {
         mDisks[s] = std::make_unique<DiskObject>(s);

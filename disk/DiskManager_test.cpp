@@ -8,6 +8,7 @@
 
 #include "disk/DiskTestFixture.h"
 #include "disk/DriveAdapter.h"
+#include "util/ConsoleCommand.h"
 
 namespace {
 
@@ -477,6 +478,35 @@ TEST_F(DiskManagerTest, SmartDataGivesTemperatureAndBadness) {
     data[0] = 0x0f;
     ASSERT_TRUE(SmartData::parse(data, d));
     EXPECT_EQ(d.temperature, 61);
+}
+
+TEST_F(DiskManagerTest, ConsoleCommandsActOnTheBoardAndTheDisks) {
+    loadDisks({"8M", "8M"});
+    std::ostringstream out;
+    Buffer b(kSectorSize);
+    std::memcpy(b.p, "HELLO-DISK", 10);
+    ASSERT_EQ(dm()->WriteData(1, b.p, 3, 1), StatusCode::Success);
+    EXPECT_EQ(ConsoleCommand::ExecuteLine("dmdump 1 3 1", out), 0);
+    EXPECT_NE(out.str().find("HELLO-DISK"), std::string::npos) << out.str();
+    EXPECT_NE(ConsoleCommand::ExecuteLine("dmdump 9 3 1", out), 0);
+    EXPECT_EQ(ConsoleCommand::ExecuteLine("SmartStatus 2", out), 0);
+    EXPECT_NE(out.str().find("temperature 35"), std::string::npos);
+
+    EXPECT_EQ(ConsoleCommand::ExecuteLine("injectError 1 read", out), 0);
+    EXPECT_EQ(dm()->ReadData(1, b.p, 3, 1), StatusCode::DM_MediaError);
+    EXPECT_EQ(ConsoleCommand::ExecuteLine("injectError 1 drive media write once", out), 0);
+    EXPECT_EQ(dm()->WriteData(1, b.p, 3, 1), StatusCode::DM_MediaError);
+    EXPECT_NE(ConsoleCommand::ExecuteLine("injectError 1 drive melt", out), 0);
+
+    EXPECT_EQ(ConsoleCommand::ExecuteLine("removeDisk 0", out), 0);
+    EXPECT_NE(ConsoleCommand::ExecuteLine("removeDisk 0", out), 0) << "already empty";
+    EXPECT_EQ(ConsoleCommand::ExecuteLine("insertDisk 2 16M", out), 0);
+    auto m = drainMessages();
+    ASSERT_EQ(m.size(), 2u);
+    EXPECT_EQ(m[0].event, HotPlugEvent::Removed);
+    EXPECT_EQ(m[1].event, HotPlugEvent::Inserted);
+    EXPECT_EQ(dm()->AddDisk(2), StatusCode::Success);
+    EXPECT_TRUE(dm()->DriveIsReady(2));
 }
 
 TEST(DiskIdentifierTest, SixtyEightBytesComparedWhole) {
