@@ -34,10 +34,22 @@ uint8_t* RamBackend::at(const TargetCommand& cmd) const {
     return mLuns[cmd.lun] + cmd.lba * scsi::kBlockSize;
 }
 
-uint8_t* RamBackend::writeBuffer(TargetCommand& cmd) { return at(cmd); }
+// backendHandle marks a command this backend has seen until its release.
+void RamBackend::hold(TargetCommand& cmd) {
+    if (cmd.backendHandle == 0) {
+        cmd.backendHandle = 1;
+        ++mHeld;
+    }
+}
+
+uint8_t* RamBackend::writeBuffer(TargetCommand& cmd) {
+    hold(cmd);
+    return at(cmd);
+}
 
 void RamBackend::submit(TargetCommand& cmd) {
     ++mSubmitted;
+    hold(cmd);
     switch (cmd.kind) {
     case TargetCommand::Kind::Read:
         cmd.dataIn.push_back({at(cmd), cmd.blocks * scsi::kBlockSize});
@@ -55,6 +67,13 @@ void RamBackend::submit(TargetCommand& cmd) {
     cmd.completion->commandDone(cmd);
 }
 
-void RamBackend::release(TargetCommand&) { ++mReleased; }
+void RamBackend::release(TargetCommand& cmd) {
+    if (cmd.backendHandle != 1) {
+        ++mStrayReleases;
+        return;
+    }
+    cmd.backendHandle = 0;
+    --mHeld;
+}
 
 void RamBackend::linkEvent(bool) { ++mLinkEvents; }

@@ -26,14 +26,20 @@ public:
     void linkEvent(bool connected) override;
 
     uint64_t submitted() const { return mSubmitted.load(); }
-    uint64_t released() const { return mReleased.load(); }
+    // Commands given a buffer or submitted and not yet released; releases of
+    // commands the backend never saw. Both stay 0 when the target keeps the
+    // backend contract.
+    int64_t held() const { return mHeld.load(); }
+    uint64_t strayReleases() const { return mStrayReleases.load(); }
     int linkEvents() const { return mLinkEvents.load(); }
 
 private:
     uint8_t* at(const TargetCommand& cmd) const;
+    void hold(TargetCommand& cmd);
     std::vector<uint8_t*> mLuns;
     uint64_t mBytes;
     std::atomic<uint64_t> mSubmitted{0};
-    std::atomic<uint64_t> mReleased{0};
+    std::atomic<int64_t> mHeld{0};
+    std::atomic<uint64_t> mStrayReleases{0};
     std::atomic<int> mLinkEvents{0};
 };
