@@ -31,8 +31,9 @@ bool EventManager::EventQueue::push(unsigned long value) {
             if (enqueuePos.compare_exchange_weak(pos, pos + 1, std::memory_order_relaxed)) {
                 s.value = value;
                 s.sequence.store(pos + 1, std::memory_order_release);
-                posted.fetch_add(1, std::memory_order_release);
-                posted.notify_one();
+                posted.fetch_add(1);
+                // Only a sleeping reader costs the sender a wake-up call.
+                if (readerWaiting.load()) posted.notify_one();
                 return true;
             }
         } else if (diff < 0) {
@@ -88,9 +89,11 @@ void EventManager::DisableEventHandling() { mEnabled.store(false); }
 void EventManager::eventThread(EVENT_TYPE type) {
     EventQueue& q = mQueues[type];
     for (;;) {
-        uint32_t seen = q.posted.load(std::memory_order_acquire);
+        uint32_t seen = q.posted.load();
         if (!q.peek()) {
-            q.posted.wait(seen);
+            q.readerWaiting.store(true);
+            if (q.posted.load() == seen) q.posted.wait(seen);
+            q.readerWaiting.store(false);
             continue;
         }
         // Hot-plug events run from the start; all others stay queued (and
@@ -171,9 +174,10 @@ int EventManager::NewEvent(EVENT_TYPE type, bool, unsigned long value) {
         ESA_CONSOLE("Invalid Event Types\n");
         ESA_ASSERT_OP(event_type, <, MAX_EVENT_TYPES);
     }
-    // A full queue drops the event: the sender never waits.
+    // A full queue drops the event: the sender never waits. The sender does
+    // not yield afterwards either: the type's thread runs on its own here, and
+    // a yield would only cost an I/O path a system call.
     if (!mQueues[type].push(value)) mQueues[type].dropped.fetch_add(1, std::memory_order_relaxed);
-    taskDelay(0);
     return 1;
 }
 

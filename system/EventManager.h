@@ -72,6 +72,7 @@ private:
         std::atomic<uint32_t> enqueuePos{0};
         std::atomic<uint32_t> dequeuePos{0};
         std::atomic<uint32_t> posted{0};  // bumped after each push; the thread waits on it
+        std::atomic<bool> readerWaiting{false};
         std::atomic<uint64_t> dropped{0};
     };
 

@@ -14,8 +14,16 @@ uint64_t IOTracker::nextId() {
     return id;
 }
 
+IOTracker::SharedState* IOTracker::newSharedState() {
+    // Transactions are begun on every I/O path: their shared records come from
+    // a pool, sized here until the system sizes it for its steady state.
+    static bool sized = (ObjectPool<SharedState>::Initialize(kDefaultSharedStates), true);
+    (void)sized;
+    return new SharedState;
+}
+
 IOTracker::IOTracker(iotType type)
-    : mShared(new SharedState), mId(nextId()), mLockObjectList(&mShared->locks), mOwnerTask(currentLockTask()) {
+    : mShared(newSharedState()), mId(nextId()), mLockObjectList(&mShared->locks), mOwnerTask(currentLockTask()) {
     flags = type == READ_WRITE ? kReadWrite : 0;
 }
 

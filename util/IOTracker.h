@@ -97,6 +97,8 @@ private:
         std::list<ExtendingLockObject*> locks;
     };
     static uint64_t nextId();
+    static SharedState* newSharedState();
+    static constexpr size_t kDefaultSharedStates = 1024;
 
     SharedState* mShared;
     uint64_t mId;
