@@ -13,6 +13,7 @@
 #include <mutex>
 #include <vector>
 
+#include "platform/rtos/Rtos.h"
 #include "system/EventManager.h"
 #include "util/DataWindow.h"
 #include "util/IOTracker.h"
@@ -50,6 +51,8 @@ void noHandler(EVENT_TYPE, void*, unsigned long, void*) {}
 }  // namespace
 
 int main() {
+    // Every thread of the system is a task.
+    taskRegisterSelf("tLocksBench", 120);
     // The figures are of the production paths: no lock-order bookkeeping.
     LockOrderChecker::setEnabled(false);
     constexpr int kRounds = 7;

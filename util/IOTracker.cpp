@@ -43,6 +43,7 @@ IOTracker::~IOTracker() {
 }
 
 void IOTracker::lockRelease() {
+    if (mShared->lockCount.load() == 0) return;  // the common case: nothing held extended
     while (ExtendingLockObject* lock = frontExtendedLock()) lock->CommitExtendedLock(*this);
 }
 
@@ -77,11 +78,13 @@ void IOTracker::addClid() {
 void IOTracker::addExtendedLock(ExtendingLockObject* lock) {
     std::lock_guard<std::mutex> g(mShared->listLock);
     mLockObjectList->push_back(lock);
+    mShared->lockCount.store(uint32_t(mLockObjectList->size()));
 }
 
 void IOTracker::removeExtendedLock(ExtendingLockObject* lock) {
     std::lock_guard<std::mutex> g(mShared->listLock);
     mLockObjectList->remove(lock);
+    mShared->lockCount.store(uint32_t(mLockObjectList->size()));
 }
 
 ExtendingLockObject* IOTracker::frontExtendedLock() {

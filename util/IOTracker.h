@@ -95,6 +95,7 @@ private:
         std::atomic<uint32_t> commits{0};
         std::mutex listLock;
         std::list<ExtendingLockObject*> locks;
+        std::atomic<uint32_t> lockCount{0};  // locks.size(), readable without listLock
     };
     static uint64_t nextId();
     static SharedState* newSharedState();
