@@ -2,6 +2,7 @@
 
 #include "platform/rtos/Rtos.h"
 #include "util/Assert.h"
+#include "util/Diagnostics.h"
 #include "util/Trace.h"
 
 namespace {
@@ -184,3 +185,15 @@ int EventManager::NewEvent(EVENT_TYPE type, bool, unsigned long value) {
 int EventManager::NewEvent(EVENT_TYPE type, bool urgent, void* value) {
     return NewEvent(type, urgent, (unsigned long)(uintptr_t)value);
 }
+
+void EventManager::Dump(std::ostream& out) {
+    out << "EventManager: handling " << (mEnabled.load() ? "enabled" : "disabled") << "\n";
+    for (int t = 0; t < MAX_EVENT_TYPES; ++t)
+        out << "  " << eventQNameList[t] << ": handlers " << handlerCount(EVENT_TYPE(t)) << ", queued "
+            << queued(EVENT_TYPE(t)) << ", dropped " << dropped(EVENT_TYPE(t)) << "\n";
+}
+
+namespace {
+DiagnosticHandler gEventDiagnostics([](std::ostream& out) { EventManager::GetInstance()->Dump(out); },
+                                    "EventManager", 100);
+}  // namespace
