@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <ctime>
 #include <thread>
 
 #include "platform/rtos/BoardClock.h"
@@ -99,4 +100,27 @@ TEST(Rtos, DelayFollowsTheVirtualClock) {
     EXPECT_GE(tick64Get() - start, 30u);
 }
 
+}  // namespace
+
+namespace {
+// A wait for ever on the real clock must sleep, not spin: it must neither
+// return early nor burn the processor while it waits.
+TEST(RtosRealClock, WaitForeverSleeps) {
+    BoardClock::GetInstance().configure(BoardClock::Mode::Real);
+    SEM_ID s = semBCreate(0, SEM_EMPTY);
+    std::atomic<bool> taken{false};
+    std::clock_t cpuBefore = std::clock();
+    std::thread t([&] {
+        semTake(s, WAIT_FOREVER);
+        taken = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_FALSE(taken);
+    semGive(s);
+    t.join();
+    EXPECT_TRUE(taken);
+    double cpuSeconds = double(std::clock() - cpuBefore) / CLOCKS_PER_SEC;
+    BoardClock::GetInstance().configure(BoardClock::Mode::Virtual);
+    EXPECT_LT(cpuSeconds, 0.2) << "the waiting thread spun";
+}
 }  // namespace
