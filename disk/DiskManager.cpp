@@ -428,10 +428,10 @@ StatusCode DiskManager::ParallelDiskIO(int direction, DiskIoRequest* requests, i
             io.status = result = st;
         }
     }
-    for (unsigned w = 0; w < normalWaits; ++w) semTake(batch, WAIT_FOREVER);
+    for (unsigned w = 0; w < normalWaits; ++w) semTakeForever(batch);
     for (unsigned w = 0; w < fastErrorWaits; ++w) {
         ESA_CONSOLE("Waiting for fasterror sem " << w << " of " << fastErrorWaits);
-        semTake(batch, WAIT_FOREVER);
+        semTakeForever(batch);
         ESA_CONSOLE("Done Waiting for fasterror sem " << w << " of " << fastErrorWaits);
     }
     for (int i = 0; i < count; ++i) {
@@ -474,7 +474,7 @@ StatusCode DiskManager::FlushAllDrives() {
             ESA_CONSOLE("DM::FlushAllDrives: slot " << s << " flush not issued: " << st);
         }
     }
-    for (unsigned w = 0; w < waits; ++w) semTake(shared, WAIT_FOREVER);
+    for (unsigned w = 0; w < waits; ++w) semTakeForever(shared);
     for (int s = 0; s < kSlots; ++s) {
         if (!issued[s]) continue;
         mDisks[s]->FlushCompleted(&requests[s]);
