@@ -29,7 +29,10 @@ protected:
     void TearDown() override { ctl().forget(); }
 
     static SimDriveController& ctl() { return SimDriveController::GetInstance(); }
-    static MSG_Q_ID queue() { return msgQOpen(kHotPlugQueueName, kHotPlugQueueDepth, sizeof(HotPlugMessage)); }
+    static MSG_Q_ID queue() {
+        static MSG_Q_ID q = msgQOpen(kHotPlugQueueName, kHotPlugQueueDepth, sizeof(HotPlugMessage));
+        return q;
+    }
     static std::vector<HotPlugMessage> drain() {
         std::vector<HotPlugMessage> out;
         HotPlugMessage m;
