@@ -32,7 +32,8 @@ function(esa_module name)
   target_link_libraries(${name} PUBLIC Threads::Threads nlohmann_json::nlohmann_json)
   set(ESA_MODULES ${ESA_MODULES} ${name} CACHE INTERNAL "")
   if(tests)
-    set(ESA_TEST_SOURCES ${ESA_TEST_SOURCES} "${name}|${tests}" CACHE INTERNAL "")
+    string(REPLACE ";" "|" joined "${tests}")  # one list entry per module, whatever its test count
+    set(ESA_TEST_SOURCES ${ESA_TEST_SOURCES} "${name}|${joined}" CACHE INTERNAL "")
   endif()
 endfunction()
 
