@@ -3,10 +3,11 @@
 # entry points, so neither goes into the library.
 #
 # The system's layers call each other both ways through singletons (the system
-# manager drives every manager, and the managers report back to it), so programs
-# link the whole stack as one rescanned group: ESA_STACK.
+# manager drives every manager, and the managers report back to it), and every
+# subsystem registers its console commands, traces and fault points through
+# global objects that nothing else references. So modules are object libraries
+# and every program links all their objects: esa_stack.
 set(ESA_MODULES "" CACHE INTERNAL "")
-set(ESA_TEST_SOURCES "" CACHE INTERNAL "")
 
 function(esa_module name)
   cmake_parse_arguments(M "" "" "DIRS" ${ARGN})
@@ -27,28 +28,28 @@ function(esa_module name)
     file(WRITE ${stub} "// ${name} has no sources yet\n")
     list(APPEND srcs ${stub})
   endif()
-  add_library(${name} STATIC ${srcs})
+  add_library(${name} OBJECT ${srcs})
   target_include_directories(${name} PUBLIC ${CMAKE_SOURCE_DIR})
   target_link_libraries(${name} PUBLIC Threads::Threads nlohmann_json::nlohmann_json)
   set(ESA_MODULES ${ESA_MODULES} ${name} CACHE INTERNAL "")
-  if(tests)
-    string(REPLACE ";" "|" joined "${tests}")  # one list entry per module, whatever its test count
-    set(ESA_TEST_SOURCES ${ESA_TEST_SOURCES} "${name}|${joined}" CACHE INTERNAL "")
-  endif()
+  set(ESA_TESTS_OF_${name} "${tests}" CACHE INTERNAL "")
 endfunction()
 
 function(esa_finish_modules)
-  string(REPLACE ";" "," group "${ESA_MODULES}")
   add_library(esa_stack INTERFACE)
-  target_link_libraries(esa_stack INTERFACE "$<LINK_GROUP:RESCAN,${group}>" Threads::Threads rt)
+  foreach(m ${ESA_MODULES})
+    target_sources(esa_stack INTERFACE $<TARGET_OBJECTS:${m}>)
+  endforeach()
+  target_include_directories(esa_stack INTERFACE ${CMAKE_SOURCE_DIR})
+  target_link_libraries(esa_stack INTERFACE Threads::Threads nlohmann_json::nlohmann_json rt)
   if(NOT ESA_TESTS)
     return()
   endif()
-  foreach(entry ${ESA_TEST_SOURCES})
-    string(REPLACE "|" ";" parts "${entry}")
-    list(GET parts 0 name)
-    list(REMOVE_AT parts 0)
-    add_executable(${name}_tests ${parts})
+  foreach(name ${ESA_MODULES})
+    if(NOT ESA_TESTS_OF_${name})
+      continue()
+    endif()
+    add_executable(${name}_tests ${ESA_TESTS_OF_${name}})
     target_link_libraries(${name}_tests PRIVATE esa_stack esa_testsupport esa_unittest_main GTest::gtest GTest::gmock)
     gtest_discover_tests(${name}_tests DISCOVERY_MODE PRE_TEST
       PROPERTIES LABELS unit ENVIRONMENT "ESA_BIN_DIR=${CMAKE_BINARY_DIR}/bin")

@@ -354,7 +354,7 @@ StatusCode DiskManager::ReadData(int slot, void* buffer, uint64_t lba, uint32_t 
         return StatusCode::BadIOLength;
     }
     DiskPane pane{buffer, sectors * kSectorSize};
-    IOTracker tracker;
+    IOTracker tracker(READ_ONLY);
     return ReadData(slot, &pane, 1, lba, tracker);
 }
 

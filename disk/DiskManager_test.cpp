@@ -74,7 +74,7 @@ TEST_F(DiskManagerTest, WindowsOfManyPanesRoundTripInOrder) {
         rp[i] = {in.p + (n - 1 - i) * kSectorSize, kSectorSize};  // read scattered backwards
     }
     ASSERT_EQ(dm()->WriteData(0, wp.data(), n, 5000, 0), StatusCode::Success);
-    IOTracker t;
+    IOTracker t(READ_ONLY);
     ASSERT_EQ(dm()->ReadData(0, rp.data(), n, 5000, t), StatusCode::Success);
     for (size_t i = 0; i < n; ++i) EXPECT_TRUE(hasPattern(in.p + (n - 1 - i) * kSectorSize, 0, 5000 + i, 1)) << i;
 

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "platform/rtos/Rtos.h"
+#include "util/Diagnostics.h"
 
 DebugClass* DebugClass::GetInstance() {
     static DebugClass instance;
@@ -50,3 +51,13 @@ bool DebugClass::extConsistencyCheck(std::ostream& out) {
         if (c.external && !c.external(out)) ok = false;
     return ok;
 }
+
+namespace {
+// The task list, first in every dump: it needs nothing but the RTOS.
+void dumpTasks(std::ostream& out) {
+    for (TASK_ID t : taskList())
+        out << "  task " << taskNumericId(t) << " " << taskName(t) << " priority " << taskPriorityGet(t)
+            << (taskIsSuspended(t) ? " suspended" : "") << "\n";
+}
+DiagnosticHandler gTaskDiagnostics(dumpTasks, "Tasks", 0);
+}  // namespace

@@ -1,0 +1,101 @@
+#!/bin/bash
+# Benchmark group "iscsi": the appliance's iSCSI target (esa-ramtarget,
+# memory-backed LUN) against the Linux SCSI target daemon tgtd serving a file
+# on tmpfs, both measured with esa-load in the same run:
+#   iscsi.seq_read_128k, iscsi.seq_write_128k   MB/s, queue depth 32
+#   iscsi.rand_read_4k,  iscsi.rand_write_4k    IOPS, queue depth 32
+# Prints one figure line each and never fails on a slow machine.
+#   bench/iscsi.sh            builds Release into build-release first
+#   ESA_BIN_DIR=DIR bench/iscsi.sh   uses the programs in DIR
+#   ESA_BENCH_SECONDS=N       seconds per measurement (default 5)
+set -u
+ROOT=$(cd "$(dirname "$0")/.." && pwd)
+SECONDS_EACH=${ESA_BENCH_SECONDS:-5}
+LUN_BYTES=$((1 << 30))
+BIN=${ESA_BIN_DIR:-}
+if [ -z "$BIN" ]; then
+    BIN=$ROOT/build-release/bin
+    cmake -S "$ROOT" -B "$ROOT/build-release" -G Ninja -DCMAKE_BUILD_TYPE=Release -DESA_TESTS=OFF > /dev/null &&
+        ninja -C "$ROOT/build-release" -j2 esa-ramtarget esa-load > /dev/null || { echo "iscsi: build failed"; exit 0; }
+fi
+WORK=$(mktemp -d /tmp/esa-bench-iscsi-XXXXXX)
+SHM=$(mktemp -d /dev/shm/esa-bench-iscsi-XXXXXX)
+RT_PID= TGT_PID=
+cleanup() {
+    [ -n "$RT_PID" ] && kill "$RT_PID" 2>/dev/null
+    if [ -n "$TGT_PID" ]; then
+        # tgtd leaves on its own system delete; SIGTERM alone does not end it.
+        tgtadm -C "$CTL_PORT" --mode system --op delete --force > /dev/null 2>&1
+        sleep 0.2
+        kill -9 "$TGT_PID" 2>/dev/null
+    fi
+    wait 2>/dev/null
+    rm -rf "$WORK" "$SHM"
+}
+trap cleanup EXIT
+
+free_port() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])'; }
+
+# The appliance's target.
+"$BIN/esa-ramtarget" --portal 127.0.0.1:0 --size $LUN_BYTES > "$WORK/rt.log" 2>&1 &
+RT_PID=$!
+for _ in $(seq 1 500); do
+    RT_PORT=$(sed -n 's/.*listening on port \([0-9]*\).*/\1/p' "$WORK/rt.log")
+    [ -n "$RT_PORT" ] && break
+    sleep 0.01
+done
+[ -n "${RT_PORT:-}" ] || { echo "iscsi: esa-ramtarget did not start"; exit 0; }
+ESA_URL=iscsi://127.0.0.1:$RT_PORT/iqn.2026-11.local.esa:array/0
+
+# The reference: tgtd with a file on tmpfs as its LUN 1.
+TGT_URL=
+if command -v tgtd > /dev/null && command -v tgtadm > /dev/null; then
+    TGT_PORT=$(free_port)
+    CTL_PORT=$(( (TGT_PORT % 20000) + 1000 ))
+    truncate -s $LUN_BYTES "$SHM/lun.img"
+    tgtd -f -C "$CTL_PORT" --iscsi portal=127.0.0.1:"$TGT_PORT" > "$WORK/tgtd.log" 2>&1 &
+    TGT_PID=$!
+    for _ in $(seq 1 200); do
+        tgtadm -C "$CTL_PORT" --lld iscsi --op new --mode target --tid 1 -T iqn.2026-11.local.bench:tgtd 2> /dev/null && break
+        sleep 0.05
+    done
+    if tgtadm -C "$CTL_PORT" --lld iscsi --op new --mode logicalunit --tid 1 --lun 1 -b "$SHM/lun.img" &&
+        tgtadm -C "$CTL_PORT" --lld iscsi --op bind --mode target --tid 1 -I ALL; then
+        TGT_URL=iscsi://127.0.0.1:$TGT_PORT/iqn.2026-11.local.bench:tgtd/1
+    else
+        echo "iscsi: tgtd could not be set up, figures have no reference"
+    fi
+else
+    echo "iscsi: tgtd is not installed (Debian package tgt), figures have no reference"
+fi
+
+# measure URL PATTERN RW BS FIELD: one esa-load run, prints the field of its result line.
+measure() {
+    "$BIN/esa-load" "$1" --pattern "$2" --rw "$3" --bs "$4" --qd 32 --seconds "$SECONDS_EACH" 2> "$WORK/err.log" |
+        sed -n "s/^result .*$5=\([0-9.]*\).*/\1/p"
+}
+
+# Both LUNs are written once end to end first, so that no figure pays for
+# the first touch of memory.
+for url in "$ESA_URL" $TGT_URL; do
+    "$BIN/esa-load" "$url" --pattern seq --rw write --bs 512k --qd 16 --bytes $LUN_BYTES > /dev/null 2>&1
+done
+
+figure() {  # NAME PATTERN RW BS FIELD UNIT
+    local esa ref ratio
+    esa=$(measure "$ESA_URL" "$2" "$3" "$4" "$5")
+    esa=${esa:-0}
+    if [ -n "$TGT_URL" ]; then
+        ref=$(measure "$TGT_URL" "$2" "$3" "$4" "$5")
+        ref=${ref:-0}
+        ratio=$(python3 -c "print('%.2f' % ($esa / $ref if $ref > 0 else 0))")
+        echo "figure iscsi.$1 $esa $6 ref tgtd $ref $6 ratio $ratio"
+    else
+        echo "figure iscsi.$1 $esa $6 ref tgtd 0 $6 ratio 0"
+    fi
+}
+figure seq_read_128k seq read 128k mbps MB/s
+figure seq_write_128k seq write 128k mbps MB/s
+figure rand_read_4k rand read 4k iops IOPS
+figure rand_write_4k rand write 4k iops IOPS
+exit 0

@@ -1,0 +1,102 @@
+// RTOS services on the virtual board clock: no test here sleeps in real time
+// for a timeout; the clock is advanced instead.
+#include "platform/rtos/Rtos.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "platform/rtos/BoardClock.h"
+
+namespace {
+
+void advanceUntil(std::atomic<bool>& done, uint64_t stepTicks) {
+    for (int i = 0; i < 100000 && !done; ++i) {
+        BoardClock::GetInstance().advance(stepTicks);
+        std::this_thread::yield();
+    }
+}
+
+TEST(Rtos, ResumeThatArrivesFirstIsNotLost) {
+    std::atomic<bool> resumed{false};
+    std::atomic<TASK_ID> id{nullptr};
+    SEM_ID ready = semBCreate(0, SEM_EMPTY);
+    SEM_ID go = semBCreate(0, SEM_EMPTY);
+    taskSpawn("tSuspender", 120, [&] {
+        id = taskIdSelf();
+        semGive(ready);
+        semTake(go, WAIT_FOREVER);
+        taskSuspend(nullptr);  // the resume below already happened
+        resumed = true;
+    });
+    ASSERT_EQ(semTake(ready, WAIT_FOREVER), OK);
+    taskResume(id);
+    semGive(go);
+    for (int i = 0; i < 2000 && !resumed; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_TRUE(resumed);
+}
+
+TEST(Rtos, SemaphoreTimesOutInBoardTime) {
+    SEM_ID s = semBCreate(0, SEM_EMPTY);
+    std::atomic<bool> done{false};
+    std::atomic<STATUS> result{OK};
+    uint64_t start = tick64Get();
+    std::thread t([&] {
+        result = semTake(s, 5 * sysClkRateGet());
+        done = true;
+    });
+    advanceUntil(done, 1);
+    t.join();
+    EXPECT_EQ(result, ERROR);
+    EXPECT_GE(tick64Get() - start, uint64_t(5 * sysClkRateGet()));
+    EXPECT_EQ(semTake(s, NO_WAIT), ERROR);
+    semGive(s);
+    EXPECT_EQ(semTake(s, NO_WAIT), OK);
+}
+
+TEST(Rtos, MutexSemaphoreIsRecursiveAndOwned) {
+    SEM_ID m = semMCreate(SEM_Q_PRIORITY);
+    ASSERT_EQ(semTake(m, WAIT_FOREVER), OK);
+    ASSERT_EQ(semTake(m, WAIT_FOREVER), OK);
+    STATUS other = OK;
+    std::thread([&] { other = semGive(m); }).join();
+    EXPECT_EQ(other, ERROR) << "only the owner may give a mutex";
+    std::thread([&] { other = semTake(m, NO_WAIT); }).join();
+    EXPECT_EQ(other, ERROR);
+    EXPECT_EQ(semGive(m), OK);
+    EXPECT_EQ(semGive(m), OK);
+    std::thread([&] {
+        other = semTake(m, NO_WAIT);
+        semGive(m);
+    }).join();
+    EXPECT_EQ(other, OK);
+}
+
+TEST(Rtos, MessageQueueIsBoundedAndOrdered) {
+    MSG_Q_ID q = msgQCreate(3, 4, 0);
+    for (uint32_t v = 1; v <= 3; ++v) ASSERT_EQ(msgQSend(q, &v, 4, NO_WAIT, MSG_PRI_NORMAL), OK);
+    uint32_t extra = 99;
+    EXPECT_EQ(msgQSend(q, &extra, 4, NO_WAIT, MSG_PRI_NORMAL), ERROR);
+    EXPECT_EQ(msgQSend(q, &extra, 8, NO_WAIT, MSG_PRI_NORMAL), ERROR) << "too long";
+    uint32_t got = 0;
+    for (uint32_t v = 1; v <= 3; ++v) {
+        ASSERT_EQ(msgQReceive(q, &got, 4, NO_WAIT), 4);
+        EXPECT_EQ(got, v);
+    }
+    EXPECT_EQ(msgQReceive(q, &got, 4, NO_WAIT), ERROR);
+}
+
+TEST(Rtos, DelayFollowsTheVirtualClock) {
+    std::atomic<bool> done{false};
+    uint64_t start = tick64Get();
+    std::thread t([&] {
+        taskDelay(30);
+        done = true;
+    });
+    advanceUntil(done, 1);
+    t.join();
+    EXPECT_GE(tick64Get() - start, 30u);
+}
+
+}  // namespace

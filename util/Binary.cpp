@@ -1,0 +1,20 @@
+#include "util/Binary.h"
+
+#include <chrono>
+
+bool Binary::take(long limitMs) {
+    std::unique_lock<std::mutex> l(mLock);
+    if (limitMs < 0) {
+        mCv.wait(l, [this] { return mFull; });
+    } else if (!mCv.wait_for(l, std::chrono::milliseconds(limitMs), [this] { return mFull; })) {
+        return false;
+    }
+    mFull = false;
+    return true;
+}
+
+void Binary::give() {
+    std::lock_guard<std::mutex> l(mLock);
+    mFull = true;
+    mCv.notify_one();
+}
