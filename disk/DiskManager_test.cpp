@@ -484,8 +484,8 @@ TEST_F(DiskManagerTest, SmartDataGivesTemperatureAndBadness) {
     };
     entry(0, 1, 90, 0);
     entry(1, 5, 150, 0);
-    entry(2, 0xc6, 250, 0);
-    entry(3, 0xc2, 61, 44);
+    entry(2, 0xc2, 61, 44);
+    entry(3, 0xc6, 250, 0);  // after the temperature, as drives order them
     diskSmartInfo d{};
     data[0] = 0x10;
     ASSERT_TRUE(SmartData::parse(data, d));
