@@ -106,6 +106,7 @@ void DiskObject::Shutdown() {
     }
     CloseDrive(mSlot);
     mInitialized = false;
+    mCapacity = 0;
     if (mState != StateFailed) mState = StateNone;
 }
 
