@@ -124,3 +124,44 @@ TEST(RtosRealClock, WaitForeverSleeps) {
     EXPECT_LT(cpuSeconds, 0.2) << "the waiting thread spun";
 }
 }  // namespace
+
+#include "platform/rtos/RtosTimer.h"
+
+namespace {
+TEST(RtosTimer, OneShotRepeatingAndCancelOnTheBoardClock) {
+    std::atomic<int> fired{0};
+    std::atomic<TASK_ID> on{nullptr};
+    RtosTimer timer("tTestTimer", 117);
+    timer.connect([&] {
+        on = taskIdSelf();
+        fired++;
+    });
+    timer.settime(10, 0);
+    BoardClock::GetInstance().advance(9);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_EQ(fired, 0) << "fired before its time";
+    std::atomic<bool> done{false};
+    std::thread waiter([&] {
+        while (fired < 1) std::this_thread::yield();
+        done = true;
+    });
+    advanceUntil(done, 1);
+    waiter.join();
+    EXPECT_EQ(taskName(on), "tTestTimer");
+    EXPECT_FALSE(timer.armed());
+
+    timer.settime(5, 5);  // repeating
+    done = false;
+    std::thread waiter2([&] {
+        while (fired < 4) std::this_thread::yield();
+        done = true;
+    });
+    advanceUntil(done, 1);
+    waiter2.join();
+    timer.cancel();
+    int now = fired;
+    BoardClock::GetInstance().advance(100);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_EQ(fired, now) << "a cancelled timer fired";
+}
+}  // namespace
