@@ -1,15 +1,24 @@
 // esa-ramtarget: the appliance's iSCSI target serving memory-backed LUNs.
 // It tests and measures the protocol layer without the rest of the system:
-//   esa-ramtarget [--portal ADDR] [--luns N] [--size BYTES] [--target-name IQN]
-// SIZE takes k, m, g suffixes (powers of 1024). It runs until SIGINT/SIGTERM.
+//   esa-ramtarget [--portal ADDR] [--luns N] [--size BYTES] [--target-name IQN] [--direct]
+// SIZE takes k, m, g suffixes (powers of 1024). Data commands travel as the
+// system will receive them: through the multi-issue rings of "/usbCmdResp",
+// write data in "/SHJ1", read data described by InterCoreSGLs, to a responder
+// that plays the system's part. --direct serves the LUNs straight behind the
+// protocol layer instead (the backend interface without the rings). The LUNs
+// of the ring path lie in "/readbuffer", whose offsets are 32 bits: all LUNs
+// together stay below 4 GiB. It runs until SIGINT/SIGTERM.
 #include <signal.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "platform/target/IscsiTarget.h"
+#include "platform/target/MultiIssueDriver.h"
+#include "platform/target/RamRingResponder.h"
 #include "platform/target/RamBackend.h"
 #include "platform/target/TargetLunTable.h"
 
@@ -31,7 +40,8 @@ bool parseSize(const char* text, uint64_t& out) {
 }
 
 int usage() {
-    std::fprintf(stderr, "usage: esa-ramtarget [--portal HOST:PORT] [--luns N] [--size BYTES] [--target-name IQN]\n");
+    std::fprintf(stderr,
+                 "usage: esa-ramtarget [--portal HOST:PORT] [--luns N] [--size BYTES] [--target-name IQN] [--direct]\n");
     return 2;
 }
 
@@ -41,8 +51,13 @@ int main(int argc, char** argv) {
     IscsiTargetConfig config = IscsiTargetConfig::fromEnvironment();
     uint32_t luns = 1;
     uint64_t size = 256ull << 20;
+    bool direct = false;
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i];
+        if (a == "--direct") {
+            direct = true;
+            continue;
+        }
         if (i + 1 >= argc) return usage();
         const char* v = argv[++i];
         if (a == "--portal") {
@@ -65,9 +80,30 @@ int main(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     signal(SIGPIPE, SIG_IGN);
 
-    RamBackend backend(luns, size);
-    backend.publish();
-    IscsiTarget target(backend, config);
+    if (!direct && uint64_t(luns) * size > 0xffffffffull) {
+        std::fprintf(stderr, "esa-ramtarget: the ring path serves at most 4 GiB of LUNs in all; use --direct\n");
+        return 2;
+    }
+    // Direct: the LUNs in RamBackend. Rings: RamBackend only answers cache
+    // synchronisation and management; the data go through the rings.
+    RamBackend backend(direct ? luns : 0, size);
+    RamBackend::publishLuns(luns, size);
+    DriverRegions regions;
+    std::unique_ptr<RamRingResponder> responder;
+    std::unique_ptr<MultiIssueDriver> driver;
+    if (!direct) {
+        if (!regions.open(MultiIssueDriver::kJournalBytes, RamRingResponder::readBufferBytes(luns, size),
+                          MultiIssueDriver::kRequestIds)
+                 .ok()) {
+            std::fprintf(stderr, "esa-ramtarget: cannot open the shared regions\n");
+            return 1;
+        }
+        responder = std::make_unique<RamRingResponder>(regions, luns, size);
+        driver = std::make_unique<MultiIssueDriver>(regions, backend);
+        responder->start();
+        driver->start();
+    }
+    IscsiTarget target(direct ? static_cast<TargetBackend&>(backend) : *driver, config);
     if (!target.start().ok()) return 1;
     std::printf("esa-ramtarget: %s listening on port %u, %u LUN(s) of %llu bytes\n", config.targetName.c_str(),
                 target.port(), luns, (unsigned long long)size);
@@ -75,5 +111,7 @@ int main(int argc, char** argv) {
     int sig = 0;
     sigwait(&set, &sig);
     target.stop();
+    if (driver) driver->stop();
+    if (responder) responder->stop();
     return 0;
 }

@@ -1,0 +1,30 @@
+#pragma once
+// DriverRegions: the named shared regions of the host data path as the
+// target driver and the system both see them: the rings in "/usbCmdResp",
+// the InterCoreSGL pool "/SGLD", the journal memory "/SHJ1" that write data
+// are received into, and "/readbuffer" that read data are sent from. Opened
+// through the board, so both sides of one process get the same memory.
+#include <cstddef>
+#include <cstdint>
+
+#include "platform/target/TargetDriverRecords.h"
+#include "util/StatusCode.h"
+
+struct DriverRegions {
+    td::CommandRing* multiCommands = nullptr;
+    td::ResponseRing* multiResponses = nullptr;
+    uint8_t* sgld = nullptr;
+    uint32_t sglCount = 0;
+    uint8_t* journal = nullptr;   // "/SHJ1"
+    size_t journalSize = 0;
+    uint8_t* readBuffer = nullptr;  // "/readbuffer"
+    size_t readBufferSize = 0;
+
+    // Opens (creating on first use) the regions with the given sizes and
+    // empties the rings.
+    StatusCode open(size_t journalBytes, size_t readBufferBytes, uint32_t sgls);
+
+    td::InterCoreSgl* sgl(uint32_t offset) const { return reinterpret_cast<td::InterCoreSgl*>(sgld + offset); }
+    // The memory an SGL element names, or null when it lies outside its pool.
+    const uint8_t* element(const td::SglElement& e) const;
+};

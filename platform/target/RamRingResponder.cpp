@@ -1,0 +1,102 @@
+#include "platform/target/RamRingResponder.h"
+
+#include <cstring>
+
+#include "platform/target/TdRing.h"
+#include "util/StatusCode.h"
+
+RamRingResponder::RamRingResponder(const DriverRegions& regions, uint32_t luns, uint64_t bytesPerLun)
+    : mRegions(regions), mLuns(luns), mBytes(bytesPerLun), mSglCount(regions.sglCount),
+      mCommandSem(semOpen("/multicommandsem", SEM_TYPE_BINARY, 0)),
+      mResponseSem(semOpen("/multmultiiresponsesem", SEM_TYPE_BINARY, 0)) {
+    for (uint32_t i = mSglCount; i-- > 0;) mFreeSgls.push_back(i);
+}
+
+RamRingResponder::~RamRingResponder() { stop(); }
+
+void RamRingResponder::start() {
+    mStopping = false;
+    mThread = std::thread([this] { loop(); });
+}
+
+void RamRingResponder::stop() {
+    if (!mThread.joinable()) return;
+    mStopping = true;
+    semGive(mCommandSem);
+    mThread.join();
+}
+
+void RamRingResponder::loop() {
+    while (!mStopping) {
+        td::CommandBlock* cmd = nullptr;
+        bool any = false;
+        while (td::commandRingGetNext(*mRegions.multiCommands, cmd)) {
+            serve(*cmd);
+            any = true;
+        }
+        // After a batch, look again briefly before sleeping: under load the
+        // next command is usually microseconds away, and a wake-up costs more.
+        if (any && td::spinForWork(mRegions.multiCommands->header)) continue;
+        semTake(mCommandSem, td::kWaitSlice);
+    }
+}
+
+void RamRingResponder::respond(const td::CmdResp& rsp) {
+    td::CmdResp* slot = nullptr;
+    while (!td::responseRingInsertPoint(*mRegions.multiResponses, slot)) {
+        semGive(mResponseSem);  // the ring is full: make sure the driver drains it
+        std::this_thread::yield();
+    }
+    std::memcpy(slot, &rsp, sizeof rsp);
+    td::responseRingFinishInsert(*mRegions.multiResponses, sizeof rsp);
+    semGive(mResponseSem);
+}
+
+void RamRingResponder::serve(const td::CommandBlock& cmd) {
+    uint32_t flags = cmd.flags;
+    if (flags & td::kCmdResRelease) {  // the driver has sent a read's data: its SGL is free again
+        uint32_t handle = cmd.tag;
+        if (handle >= 1 && handle <= mSglCount) mFreeSgls.push_back(handle - 1);
+        return;
+    }
+    td::CmdResp rsp = {};
+    rsp.tag = cmd.tag;
+    std::memcpy(rsp.context, cmd.context, sizeof rsp.context);
+    uint64_t lba = cmd.lba, blocks = cmd.length;
+    bool inRange = cmd.lun < mLuns && lba <= mBytes / 512 && blocks <= mBytes / 512 - lba;
+    uint64_t at = uint64_t(cmd.lun) * mBytes + lba * 512;
+    auto fail = [&](StatusCode s) {
+        rsp.type = td::kRespPlain;
+        rsp.rc = uint32_t(-1);
+        rsp.status = s.value();
+        respond(rsp);
+    };
+    if (flags & td::kCmdWrite) {
+        uint64_t bytes = blocks * 512;
+        if (!inRange) return fail(StatusCode::CATM_LBAOutOfRange);
+        if (uint64_t(cmd.writeData) + bytes > mRegions.journalSize || cmd.payloadLength != bytes)
+            return fail(StatusCode::BadCommand);
+        std::memcpy(mRegions.readBuffer + at, mRegions.journal + cmd.writeData.get(), bytes);
+        rsp.type = td::kRespWriteAck;
+        respond(rsp);
+    } else if (flags & td::kCmdRead) {
+        if (!inRange) return fail(StatusCode::CATM_LBAOutOfRange);
+        if (mFreeSgls.empty()) return fail(StatusCode::InternalError);
+        uint32_t index = mFreeSgls.back();
+        mFreeSgls.pop_back();
+        uint32_t offset = index * uint32_t(sizeof(td::InterCoreSgl));
+        td::InterCoreSgl* sgl = mRegions.sgl(offset);
+        sgl->count = 1;
+        sgl->one = 1;
+        sgl->total = uint32_t(blocks * 512);
+        sgl->elements[0].offset = uint32_t(at);
+        sgl->elements[0].length = uint32_t(blocks * 512);
+        sgl->elements[0].pool = td::kPoolReadBuffer;
+        rsp.type = td::kRespSgl;
+        rsp.requestHandle = index + 1;
+        rsp.sgl = offset;
+        respond(rsp);
+    } else {
+        fail(StatusCode::BadCommand);  // neither read, write nor release: reported, not fatal
+    }
+}
