@@ -1,5 +1,7 @@
 #include "platform/target/DriverRegions.h"
 
+#include <sys/mman.h>
+
 #include "platform/board/Board.h"
 #include "platform/target/TdRing.h"
 
@@ -27,4 +29,32 @@ const uint8_t* DriverRegions::element(const td::SglElement& e) const {
     case td::kPoolJournal: return end <= journalSize ? journal + e.offset.get() : nullptr;
     default: return nullptr;
     }
+}
+
+namespace {
+uint8_t* privatePool(size_t bytes) {
+    void* p = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (p == MAP_FAILED) return nullptr;
+    ::madvise(p, bytes, MADV_HUGEPAGE);
+    return static_cast<uint8_t*>(p);
+}
+}  // namespace
+
+StatusCode DriverRegions::openWithPrivatePools(size_t journalBytes, size_t readBufferBytes, uint32_t sgls) {
+    StatusCode s = open(4096, 4096, sgls);
+    if (!s.ok()) return s;
+    journal = privatePool(journalBytes);
+    readBuffer = privatePool(readBufferBytes);
+    journalSize = journalBytes;
+    readBufferSize = readBufferBytes;
+    privatePools = true;
+    return journal && readBuffer ? StatusCode(StatusCode::Success) : StatusCode(StatusCode::InitFailed);
+}
+
+void DriverRegions::closePrivatePools() {
+    if (!privatePools) return;
+    if (journal) ::munmap(journal, journalSize);
+    if (readBuffer) ::munmap(readBuffer, readBufferSize);
+    journal = readBuffer = nullptr;
+    privatePools = false;
 }

@@ -59,7 +59,7 @@ void MultiIssueDriver::post(const td::CommandBlock& block) {
         }
         std::this_thread::yield();  // the ring is full: the system is behind
     }
-    semGive(mCommandSem);
+    if (td::consumerSleeping(td::commandRingSleepWord(*mRegions.multiCommands))) semGive(mCommandSem);
 }
 
 void MultiIssueDriver::submit(TargetCommand& cmd) {
@@ -95,7 +95,9 @@ void MultiIssueDriver::responseLoop() {
             any = true;
         }
         if (any && td::spinForWork(mRegions.multiResponses->header)) continue;
-        semTake(mResponseSem, td::kWaitSlice);
+        Le32& sleeping = td::responseRingSleepWord(*mRegions.multiResponses);
+        if (td::prepareToSleep(sleeping, mRegions.multiResponses->header)) semTake(mResponseSem, td::kWaitSlice);
+        td::awake(sleeping);
     }
 }
 

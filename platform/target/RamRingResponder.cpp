@@ -37,7 +37,9 @@ void RamRingResponder::loop() {
         // After a batch, look again briefly before sleeping: under load the
         // next command is usually microseconds away, and a wake-up costs more.
         if (any && td::spinForWork(mRegions.multiCommands->header)) continue;
-        semTake(mCommandSem, td::kWaitSlice);
+        Le32& sleeping = td::commandRingSleepWord(*mRegions.multiCommands);
+        if (td::prepareToSleep(sleeping, mRegions.multiCommands->header)) semTake(mCommandSem, td::kWaitSlice);
+        td::awake(sleeping);
     }
 }
 
@@ -49,7 +51,7 @@ void RamRingResponder::respond(const td::CmdResp& rsp) {
     }
     std::memcpy(slot, &rsp, sizeof rsp);
     td::responseRingFinishInsert(*mRegions.multiResponses, sizeof rsp);
-    semGive(mResponseSem);
+    if (td::consumerSleeping(td::responseRingSleepWord(*mRegions.multiResponses))) semGive(mResponseSem);
 }
 
 void RamRingResponder::serve(const td::CommandBlock& cmd) {

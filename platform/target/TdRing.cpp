@@ -69,8 +69,11 @@ uint32_t ringCount(const RingHeader& h) {
     return (head + kRingSlots - tail) % kRingSlots;
 }
 
+// A few microseconds: long enough to catch the next command of a queue-deep
+// stream, short enough not to take the CPU from the threads that feed it.
+constexpr int kSpinRounds = 64;
 bool spinForWork(const RingHeader& h) {
-    for (int i = 0; i < 256; ++i) {
+    for (int i = 0; i < kSpinRounds; ++i) {
         if (loadAcquire(h.head) != loadAcquire(h.tail)) return true;
         __builtin_ia32_pause();
     }
@@ -81,6 +84,24 @@ void ringReset(RingHeader& h) {
     storeRelease(h.head, 0);
     storeRelease(h.tail, 0);
     storeRelease(h.processing, 0);
+    storeRelease(h.semaphore, 0);
+}
+
+bool prepareToSleep(Le32& word, const RingHeader& h) {
+    __atomic_store_n(reinterpret_cast<uint32_t*>(word.b), 1, __ATOMIC_SEQ_CST);
+    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+    if (loadAcquire(h.head) != loadAcquire(h.tail)) {
+        awake(word);
+        return false;
+    }
+    return true;
+}
+
+void awake(Le32& word) { __atomic_store_n(reinterpret_cast<uint32_t*>(word.b), 0, __ATOMIC_SEQ_CST); }
+
+bool consumerSleeping(Le32& word) {
+    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+    return __atomic_load_n(reinterpret_cast<uint32_t*>(word.b), __ATOMIC_SEQ_CST) != 0;
 }
 
 }  // namespace td

@@ -45,6 +45,20 @@ bool responseRingTake(ResponseRing& ring, CmdResp& out);
 uint32_t ringCount(const RingHeader& header);
 // Polls a ring a short while for new entries; true as soon as there are.
 bool spinForWork(const RingHeader& header);
+
+// Wake-ups. A consumer about to sleep on its semaphore first raises its
+// ring's sleeping word and looks at the ring once more; a producer gives the
+// semaphore only when that word is up, so a busy consumer costs no wake-up.
+// The word is the one each ring leaves unused: offset 8 of the command ring,
+// offset 12 of the response ring. Both sides order the store and the load
+// with a full fence, so a wake-up is never lost.
+// Consumer: true when it may sleep (the ring is still empty).
+bool prepareToSleep(Le32& sleepingWord, const RingHeader& header);
+void awake(Le32& sleepingWord);
+// Producer, after publishing an entry: true when the consumer must be woken.
+bool consumerSleeping(Le32& sleepingWord);
+inline Le32& commandRingSleepWord(CommandRing& r) { return r.header.semaphore; }
+inline Le32& responseRingSleepWord(ResponseRing& r) { return r.header.processing; }
 void ringReset(RingHeader& header);
 
 }  // namespace td

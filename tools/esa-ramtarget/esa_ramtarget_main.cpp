@@ -92,8 +92,8 @@ int main(int argc, char** argv) {
     std::unique_ptr<RamRingResponder> responder;
     std::unique_ptr<MultiIssueDriver> driver;
     if (!direct) {
-        if (!regions.open(MultiIssueDriver::kJournalBytes, RamRingResponder::readBufferBytes(luns, size),
-                          MultiIssueDriver::kRequestIds)
+        if (!regions.openWithPrivatePools(MultiIssueDriver::kJournalBytes, RamRingResponder::readBufferBytes(luns, size),
+                                          MultiIssueDriver::kRequestIds)
                  .ok()) {
             std::fprintf(stderr, "esa-ramtarget: cannot open the shared regions\n");
             return 1;
@@ -113,5 +113,6 @@ int main(int argc, char** argv) {
     target.stop();
     if (driver) driver->stop();
     if (responder) responder->stop();
+    regions.closePrivatePools();
     return 0;
 }
