@@ -8,11 +8,13 @@
 StatusCode DriverRegions::open(size_t journalBytes, size_t readBufferBytes, uint32_t sgls) {
     Board& board = Board::GetInstance();
     auto* rings = static_cast<uint8_t*>(board.openRegion("/usbCmdResp", td::kRingRegionSize));
+    usbSgList = static_cast<uint8_t*>(
+        board.openRegion("/usbSgList", sizeof(td::UsbSgListHeader) + kUsbSgPairs * sizeof(td::UsbSgPair)));
     size_t sgldSize = size_t(sgls) * sizeof(td::InterCoreSgl);
     sgld = static_cast<uint8_t*>(board.openRegion("/SGLD", sgldSize, &sgldSize));
     journal = static_cast<uint8_t*>(board.openRegion("/SHJ1", journalBytes, &journalSize));
     readBuffer = static_cast<uint8_t*>(board.openRegion("/readbuffer", readBufferBytes, &readBufferSize));
-    if (!rings || !sgld || !journal || !readBuffer || journalSize < journalBytes || readBufferSize < readBufferBytes)
+    if (!rings || !usbSgList || !sgld || !journal || !readBuffer || journalSize < journalBytes || readBufferSize < readBufferBytes)
         return StatusCode::InitFailed;
     sglCount = uint32_t(sgldSize / sizeof(td::InterCoreSgl));
     multiCommands = reinterpret_cast<td::CommandRing*>(rings + td::kMultiCommandRing);

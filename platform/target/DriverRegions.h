@@ -13,6 +13,8 @@
 struct DriverRegions {
     td::CommandRing* multiCommands = nullptr;
     td::ResponseRing* multiResponses = nullptr;
+    uint8_t* usbSgList = nullptr;  // "/usbSgList": a count, then (length, offset) pairs
+    static constexpr uint32_t kUsbSgPairs = 1024;
     uint8_t* sgld = nullptr;
     uint32_t sglCount = 0;
     uint8_t* journal = nullptr;   // "/SHJ1"

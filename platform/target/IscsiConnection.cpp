@@ -51,6 +51,7 @@ struct IscsiConnection::Task {
 
     bool submitted = false;
     bool aborted = false;
+    bool responded = false;  // the status is on its way: the task is complete for the host
 };
 
 IscsiConnection::IscsiConnection(IscsiTarget& target, int fd, uint64_t id)
@@ -459,7 +460,7 @@ bool IscsiConnection::handleTaskManagement(Pdu& pdu) {
     case 1: {  // ABORT TASK
         std::lock_guard<std::mutex> g(mTaskLock);
         auto it = mTasks.find(refItt);
-        if (it == mTasks.end() || it->second->aborted) {
+        if (it == mTasks.end() || it->second->aborted || it->second->responded) {
             response = 1;  // the command has completed already
         } else {
             Task* t = it->second.get();
@@ -723,6 +724,7 @@ void IscsiConnection::commandDone(TargetCommand& cmd) {
     {
         std::lock_guard<std::mutex> g(mTaskLock);
         aborted = t->aborted;
+        t->responded = !aborted;
     }
     if (!aborted) {
         bool write = cmd.kind == TargetCommand::Kind::Write;

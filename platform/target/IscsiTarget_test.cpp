@@ -15,6 +15,7 @@
 #include <memory>
 #include <thread>
 
+#include "platform/target/CommandQueueDriver.h"
 #include "platform/target/IscsiTarget.h"
 #include "platform/target/MultiIssueDriver.h"
 #include "platform/target/RamRingResponder.h"
@@ -57,15 +58,16 @@ protected:
         IscsiTargetConfig cfg;
         cfg.portal = "127.0.0.1:0";
         if (GetParam()) {
-            mBackend = std::make_unique<RamBackend>(0, 8 << 20);  // cache and management commands only
             RamBackend::publishLuns(2, 8 << 20);
             ASSERT_TRUE(mRegions.open(MultiIssueDriver::kJournalBytes, RamRingResponder::readBufferBytes(2, 8 << 20),
                                       MultiIssueDriver::kRequestIds)
                             .ok());
             std::memset(mRegions.readBuffer, 0, RamRingResponder::readBufferBytes(2, 8 << 20));
             mResponder = std::make_unique<RamRingResponder>(mRegions, 2, 8 << 20);
-            mDriver = std::make_unique<MultiIssueDriver>(mRegions, *mBackend);
+            mQueue = std::make_unique<CommandQueueDriver>(mRegions);
+            mDriver = std::make_unique<MultiIssueDriver>(mRegions, *mQueue);
             mResponder->start();
+            mQueue->start();
             mDriver->start();
             mTarget = std::make_unique<IscsiTarget>(*mDriver, cfg);
         } else {
@@ -80,6 +82,7 @@ protected:
         if (mTarget) mTarget->stop();
         if (mResponder) {
             mDriver->stop();
+            mQueue->stop();
             mResponder->stop();
             EXPECT_EQ(mResponder->sglsInUse(), 0u);  // every read's buffers were released
         }
@@ -154,6 +157,7 @@ protected:
     std::unique_ptr<RamBackend> mBackend;
     DriverRegions mRegions;
     std::unique_ptr<RamRingResponder> mResponder;
+    std::unique_ptr<CommandQueueDriver> mQueue;
     std::unique_ptr<MultiIssueDriver> mDriver;
     std::unique_ptr<IscsiTarget> mTarget;
     uint16_t mPort = 0;
@@ -423,14 +427,44 @@ TEST_P(IscsiTargetTest, ReinstatedSessionReplacesTheOldOne) {
 
 TEST_P(IscsiTargetTest, LinkEventsFollowTheFirstAndLastSession) {
     if (!mTarget) GTEST_SKIP() << "needs the in-process target";
+    auto events = [&] { return mResponder ? mResponder->linkUps() + mResponder->linkDowns() : mBackend->linkEvents(); };
     {
         TestInitiator a, b;
         loginNormal(a);
         loginNormal(b);
-        EXPECT_EQ(mBackend->linkEvents(), 1);
+        ping(b, 1);  // the queue is in order: an event sent before this answer has arrived
+        for (int i = 0; i < 5000 && events() < 1; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        EXPECT_EQ(events(), 1);
     }
     waitForConnections(0);
-    EXPECT_EQ(mBackend->linkEvents(), 2);
+    for (int i = 0; i < 5000 && events() < 2; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_EQ(events(), 2);
+    if (mResponder) {
+        EXPECT_EQ(mResponder->linkUps(), 1);
+        EXPECT_EQ(mResponder->lastLinkTransport(), kIscsiTransportId);
+    }
+}
+
+TEST_P(IscsiTargetTest, CacheSynchronisationAndManagementReachTheSystem) {
+    TestInitiator ini;
+    loginNormal(ini);
+    auto sync = run(ini, ini.scsiCommand(1, 0, cdb10(scsi::kSyncCache10, 0, 0), false, false, 0));
+    EXPECT_EQ(sync.status, scsi::kStatusGood);
+    // The memory-backed system has no management pages: refused with its sense.
+    std::vector<uint8_t> vendor(16, 0);
+    vendor[0] = scsi::kVendorManagement;
+    auto mgmt = run(ini, ini.scsiCommand(2, 0, vendor, true, false, 512));
+    EXPECT_EQ(mgmt.status, scsi::kStatusCheckCondition);
+    ASSERT_GE(mgmt.sense.size(), 14u);
+    EXPECT_EQ(mgmt.sense[12], 0x20);  // invalid operation code
+    std::vector<uint8_t> select(10, 0);
+    select[0] = scsi::kModeSelect10;
+    putBe16(&select[7], 24);
+    auto sel = run(ini, ini.scsiCommand(3, 0, select, false, true, 24), std::vector<uint8_t>(24, 0));
+    EXPECT_EQ(sel.status, scsi::kStatusCheckCondition);
+    ASSERT_GE(sel.sense.size(), 14u);
+    EXPECT_EQ(sel.sense[12], 0x24);  // invalid field in CDB
+    EXPECT_TRUE(ping(ini, 4));
 }
 
 INSTANTIATE_TEST_SUITE_P(Backends, IscsiTargetTest, ::testing::Values(false, true),

@@ -2,14 +2,22 @@
 
 #include <cstring>
 
+#include "platform/target/CommandQueueDriver.h"
+#include "platform/target/ScsiResponder.h"
 #include "platform/target/TdRing.h"
 #include "util/StatusCode.h"
 
 RamRingResponder::RamRingResponder(const DriverRegions& regions, uint32_t luns, uint64_t bytesPerLun)
     : mRegions(regions), mLuns(luns), mBytes(bytesPerLun), mSglCount(regions.sglCount),
       mCommandSem(semOpen("/multicommandsem", SEM_TYPE_BINARY, 0)),
-      mResponseSem(semOpen("/multmultiiresponsesem", SEM_TYPE_BINARY, 0)) {
+      mResponseSem(semOpen("/multmultiiresponsesem", SEM_TYPE_BINARY, 0)),
+      mToSystem(msgQOpen("/tdToRtpQ", CommandQueueDriver::kQueueDepth, CommandQueueDriver::kMaxMessage)),
+      mFromSystem(msgQOpen("/tdFromRtpQ", CommandQueueDriver::kQueueDepth, CommandQueueDriver::kMaxMessage)) {
     for (uint32_t i = mSglCount; i-- > 0;) mFreeSgls.push_back(i);
+    // A new responder starts with an empty queue: nothing of an earlier one is answered.
+    std::vector<uint8_t> stale(CommandQueueDriver::kMaxMessage);
+    while (msgQReceive(mToSystem, stale.data(), stale.size(), NO_WAIT) > 0) {
+    }
 }
 
 RamRingResponder::~RamRingResponder() { stop(); }
@@ -17,6 +25,7 @@ RamRingResponder::~RamRingResponder() { stop(); }
 void RamRingResponder::start() {
     mStopping = false;
     mThread = std::thread([this] { loop(); });
+    mQueueThread = std::thread([this] { queueLoop(); });
 }
 
 void RamRingResponder::stop() {
@@ -24,22 +33,65 @@ void RamRingResponder::stop() {
     mStopping = true;
     semGive(mCommandSem);
     mThread.join();
+    td::CommandBlock wake = {};  // wakes the queue thread, which then sees the flag
+    msgQSend(mToSystem, &wake, sizeof wake, td::kWaitSlice, MSG_PRI_URGENT);
+    mQueueThread.join();
 }
 
 void RamRingResponder::loop() {
-    while (!mStopping) {
+    for (;;) {
         td::CommandBlock* cmd = nullptr;
         bool any = false;
         while (td::commandRingGetNext(*mRegions.multiCommands, cmd)) {
             serve(*cmd);
             any = true;
         }
+        // Stopping only once the ring is empty: the last releases are taken in.
+        if (mStopping) return;
         // After a batch, look again briefly before sleeping: under load the
         // next command is usually microseconds away, and a wake-up costs more.
         if (any && td::spinForWork(mRegions.multiCommands->header)) continue;
         Le32& sleeping = td::commandRingSleepWord(*mRegions.multiCommands);
         if (td::prepareToSleep(sleeping, mRegions.multiCommands->header)) semTake(mCommandSem, td::kWaitSlice);
         td::awake(sleeping);
+    }
+}
+
+void RamRingResponder::answerQueue(const td::CmdResp& rsp) {
+    msgQSend(mFromSystem, &rsp, sizeof rsp, td::kWaitSlice, MSG_PRI_NORMAL);
+}
+
+void RamRingResponder::queueLoop() {
+    std::vector<uint8_t> bytes(CommandQueueDriver::kMaxMessage);
+    while (!mStopping) {
+        td::CommandBlock b;
+        int n = msgQReceive(mToSystem, &b, sizeof b, td::kWaitSlice);
+        if (mStopping) break;
+        if (n != int(sizeof b)) continue;  // nothing, or out of step: not a command block
+        uint32_t flags = b.flags;
+        if (flags == 0) continue;  // the wake-up sent at stop
+        td::CmdResp rsp = {};
+        rsp.tag = b.tag;
+        if ((flags & td::kCmdLinkOrRelease) && (flags & (td::kCmdConnected | td::kCmdFlushDisks))) {
+            ++((flags & td::kCmdConnected) ? mLinkUps : mLinkDowns);
+            mLastTransport = b.lun;
+            continue;  // link events have no answer
+        }
+        if (flags & td::kCmdSyncCache) {
+            answerQueue(rsp);  // all zeros but the tag
+            continue;
+        }
+        rsp.rc = uint32_t(-1);
+        if (flags & td::kCmdManagement) {
+            uint8_t opcode = 0;
+            if (msgQReceive(mToSystem, bytes.data(), bytes.size(), td::kWaitSlice) > 0) opcode = bytes[0];
+            if (!(flags & td::kCmdMgmtNoPayload)) msgQReceive(mToSystem, bytes.data(), bytes.size(), td::kWaitSlice);
+            StatusCode s = opcode == scsi::kVendorManagement ? StatusCode::UnknownScsiRequest : StatusCode::BadCommand;
+            rsp.status = s.value();
+        } else {
+            rsp.status = StatusCode(StatusCode::BadCommand).value();
+        }
+        answerQueue(rsp);
     }
 }
 

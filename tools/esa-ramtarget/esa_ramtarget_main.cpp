@@ -16,6 +16,7 @@
 #include <memory>
 #include <string>
 
+#include "platform/target/CommandQueueDriver.h"
 #include "platform/target/IscsiTarget.h"
 #include "platform/target/MultiIssueDriver.h"
 #include "platform/target/RamRingResponder.h"
@@ -84,13 +85,14 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "esa-ramtarget: the ring path serves at most 4 GiB of LUNs in all; use --direct\n");
         return 2;
     }
-    // Direct: the LUNs in RamBackend. Rings: RamBackend only answers cache
-    // synchronisation and management; the data go through the rings.
+    // Direct: the LUNs in RamBackend. Rings: data commands on the multi-issue
+    // rings, the rest on the command queues, both answered by the responder.
     RamBackend backend(direct ? luns : 0, size);
     RamBackend::publishLuns(luns, size);
     DriverRegions regions;
     std::unique_ptr<RamRingResponder> responder;
     std::unique_ptr<MultiIssueDriver> driver;
+    std::unique_ptr<CommandQueueDriver> queue;
     if (!direct) {
         if (!regions.openWithPrivatePools(MultiIssueDriver::kJournalBytes, RamRingResponder::readBufferBytes(luns, size),
                                           MultiIssueDriver::kRequestIds)
@@ -99,8 +101,10 @@ int main(int argc, char** argv) {
             return 1;
         }
         responder = std::make_unique<RamRingResponder>(regions, luns, size);
-        driver = std::make_unique<MultiIssueDriver>(regions, backend);
+        queue = std::make_unique<CommandQueueDriver>(regions);
+        driver = std::make_unique<MultiIssueDriver>(regions, *queue);
         responder->start();
+        queue->start();
         driver->start();
     }
     IscsiTarget target(direct ? static_cast<TargetBackend&>(backend) : *driver, config);
@@ -112,6 +116,7 @@ int main(int argc, char** argv) {
     sigwait(&set, &sig);
     target.stop();
     if (driver) driver->stop();
+    if (queue) queue->stop();
     if (responder) responder->stop();
     regions.closePrivatePools();
     return 0;
