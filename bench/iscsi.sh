@@ -44,7 +44,7 @@ free_port() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",
 "$BIN/esa-ramtarget" --portal 127.0.0.1:0 --size $LUN_BYTES > "$WORK/rt.log" 2>&1 &
 RT_PID=$!
 for _ in $(seq 1 500); do
-    RT_PORT=$(sed -n 's/.*listening on port \([0-9]*\).*/\1/p' "$WORK/rt.log")
+    RT_PORT=$(sed -n 's/.*listening on port \([0-9]*\).*/\1/p' "$WORK/rt.log" 2>/dev/null)
     [ -n "$RT_PORT" ] && break
     sleep 0.01
 done
@@ -53,7 +53,7 @@ ESA_URL=iscsi://127.0.0.1:$RT_PORT/iqn.2026-11.local.esa:array/0
 "$BIN/esa-ramtarget" --portal 127.0.0.1:0 --size $LUN_BYTES --direct > "$WORK/rtd.log" 2>&1 &
 RTD_PID=$!
 for _ in $(seq 1 500); do
-    RTD_PORT=$(sed -n 's/.*listening on port \([0-9]*\).*/\1/p' "$WORK/rtd.log")
+    RTD_PORT=$(sed -n 's/.*listening on port \([0-9]*\).*/\1/p' "$WORK/rtd.log" 2>/dev/null)
     [ -n "$RTD_PORT" ] && break
     sleep 0.01
 done

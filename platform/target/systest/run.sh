@@ -27,7 +27,7 @@ start_target() {
     "$BIN/esa-ramtarget" --portal 127.0.0.1:0 --size "$1" --luns "${2:-1}" > "$WORK/target.log" 2>&1 &
     RT_PID=$!
     for _ in $(seq 1 500); do
-        PORT=$(sed -n 's/.*listening on port \([0-9]*\).*/\1/p' "$WORK/target.log")
+        PORT=$(sed -n 's/.*listening on port \([0-9]*\).*/\1/p' "$WORK/target.log" 2>/dev/null)
         [ -n "$PORT" ] && break
         kill -0 "$RT_PID" 2>/dev/null || fail "esa-ramtarget did not start: $(cat "$WORK/target.log")"
         sleep 0.01
