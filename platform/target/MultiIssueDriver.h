@@ -15,6 +15,11 @@
 //
 // Invariant: a request id (and so its journal slot) is in use from
 // writeBuffer or submit until release, and never given to two commands at once.
+// A journal slot is free again when its command ends: right for a system that
+// has taken the data out of "/SHJ1" by then (the ring responder). The
+// system's write journal keeps host data in "/SHJ1" until it is on disk, so
+// with it the slot must stay taken until the journal gives the buffer back
+// through the write-buffer board call; that give-back is not wired yet.
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>

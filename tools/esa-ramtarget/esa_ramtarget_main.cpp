@@ -87,7 +87,8 @@ int main(int argc, char** argv) {
     }
     // Direct: the LUNs in RamBackend. Rings: data commands on the multi-issue
     // rings, the rest on the command queues, both answered by the responder.
-    RamBackend backend(direct ? luns : 0, size);
+    std::unique_ptr<RamBackend> backend;
+    if (direct) backend = std::make_unique<RamBackend>(luns, size);
     RamBackend::publishLuns(luns, size);
     DriverRegions regions;
     std::unique_ptr<RamRingResponder> responder;
@@ -107,7 +108,7 @@ int main(int argc, char** argv) {
         queue->start();
         driver->start();
     }
-    IscsiTarget target(direct ? static_cast<TargetBackend&>(backend) : *driver, config);
+    IscsiTarget target(direct ? static_cast<TargetBackend&>(*backend) : *driver, config);
     if (!target.start().ok()) return 1;
     std::printf("esa-ramtarget: %s listening on port %u, %u LUN(s) of %llu bytes\n", config.targetName.c_str(),
                 target.port(), luns, (unsigned long long)size);
