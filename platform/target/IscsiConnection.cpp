@@ -1,6 +1,7 @@
 #include "platform/target/IscsiConnection.h"
 
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -113,6 +114,9 @@ bool IscsiConnection::receiveInto(Task& task, uint32_t offset, uint32_t length) 
 void IscsiConnection::run() {
     bool ok = login();
     if (ok) {
+        // Logged in: an idle session is a normal session, so no more receive timeout.
+        struct timeval none = {0, 0};
+        ::setsockopt(mFd, SOL_SOCKET, SO_RCVTIMEO, &none, sizeof none);
         mPhase = Phase::FullFeature;
         fullFeature();
     }

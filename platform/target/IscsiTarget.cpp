@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/time.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -17,6 +18,7 @@
 
 namespace {
 Trace tPortal("Target", "Iscsi", "Portal", false);
+constexpr int kLoginTimeoutSeconds = 30;
 
 bool splitPortal(const std::string& portal, std::string& host, std::string& port) {
     size_t colon = portal.rfind(':');
@@ -104,6 +106,9 @@ void IscsiTarget::acceptLoop() {
         // and switches autotuning off.
         int one = 1;
         ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        // A host that connects and never logs in gives its connection up after a while.
+        struct timeval loginTimeout = {kLoginTimeoutSeconds, 0};
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &loginTimeout, sizeof loginTimeout);
         std::shared_ptr<IscsiConnection> conn;
         {
             std::lock_guard<std::mutex> g(mLock);
