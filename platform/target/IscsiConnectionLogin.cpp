@@ -1,6 +1,7 @@
 // IscsiConnection: login, from the first request to the full feature phase.
 #include <cstring>
 
+#include "platform/target/IscsiChap.h"
 #include "platform/target/IscsiConnectionTask.h"
 #include "platform/target/IscsiTarget.h"
 #include "platform/target/TargetLunTable.h"
@@ -34,6 +35,9 @@ bool IscsiConnection::login() {
     bool announced = false;
     bool first = true;
     KeyValues pending;
+    const IscsiTargetConfig& cfg = mTarget.config();
+    mParams.chapRequired = !cfg.chapUser.empty();
+    IscsiChap chap(cfg.chapUser, cfg.chapSecret);
     for (;;) {
         Pdu req;
         if (!readHeader(req)) return false;
@@ -79,11 +83,27 @@ bool IscsiConnection::login() {
             return false;
         }
         bool announce = !announced && (csg == 1 || (transit && nsg == 3));
+        KeyValues chapKeys;
+        for (auto it = keys.begin(); it != keys.end();) {
+            if (it->first.rfind("CHAP_", 0) == 0) {
+                chapKeys.push_back(*it);
+                it = keys.erase(it);
+            } else {
+                ++it;
+            }
+        }
         NegotiationResult r = negotiate(mParams, keys, announce ? 1 : csg, announce);
         announced = announced || announce;
         if (r.statusClass != 0) {
             sendLoginResponse(req, 0, r.statusClass, r.statusDetail, r.response);
             return false;
+        }
+        if (!chapKeys.empty()) {
+            if (csg != 0 || !mParams.authMethodChap || chap.handle(chapKeys, r.response) == IscsiChap::Step::Failed) {
+                ESA_CONSOLE("iSCSI target: CHAP authentication of " << mParams.initiatorName << " failed");
+                sendLoginResponse(req, 0, 2, 0x01, {});
+                return false;
+            }
         }
         if (mParams.initiatorName.empty()) {
             sendLoginResponse(req, 0, 2, 0x07, {});
@@ -97,9 +117,18 @@ bool IscsiConnection::login() {
             sendLoginResponse(req, 0, 3, 0x01, {});  // service unavailable
             return false;
         }
-        if (csg == 0 && !mParams.authMethodNone && transit) {
-            // Security stage left without agreeing on a method: authentication is not offered.
-            sendLoginResponse(req, 0, 2, 0x01, r.response);
+        bool authenticated = mParams.chapRequired ? chap.step() == IscsiChap::Step::Passed : mParams.authMethodNone;
+        if (csg == 0 && transit && !authenticated) {
+            if (mParams.authMethodChap && chap.step() != IscsiChap::Step::Failed) {
+                transit = false;  // CHAP still under way: stay in the security stage
+            } else {
+                // Security stage left without agreeing on a method.
+                sendLoginResponse(req, 0, 2, 0x01, r.response);
+                return false;
+            }
+        }
+        if (csg != 0 && mParams.chapRequired && !authenticated) {
+            sendLoginResponse(req, 0, 2, 0x01, {});  // the security stage was skipped
             return false;
         }
         uint8_t flags = uint8_t(csg << 2);

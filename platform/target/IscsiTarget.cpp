@@ -33,6 +33,11 @@ bool splitPortal(const std::string& portal, std::string& host, std::string& port
 IscsiTargetConfig IscsiTargetConfig::fromEnvironment() {
     IscsiTargetConfig c;
     if (const char* p = std::getenv("ESA_PORTAL"); p && *p) c.portal = p;
+    if (const char* chap = std::getenv("ESA_CHAP"); chap && std::strchr(chap, ':')) {
+        std::string s = chap;
+        c.chapUser = s.substr(0, s.find(':'));
+        c.chapSecret = s.substr(s.find(':') + 1);
+    }
     return c;
 }
 

@@ -29,8 +29,12 @@ struct IscsiTargetConfig {
     std::string targetName = "iqn.2026-11.local.esa:array";
     // Commands the initiator may have outstanding per session.
     uint32_t commandWindow = 128;
+    // One-way CHAP: with a user name set, every login must authenticate as
+    // that user with that secret; empty means no authentication.
+    std::string chapUser;
+    std::string chapSecret;
 
-    // The portal from ESA_PORTAL when set, else the default.
+    // The portal from ESA_PORTAL, and CHAP from ESA_CHAP ("user:secret"), when set.
     static IscsiTargetConfig fromEnvironment();
 };
 

@@ -1,6 +1,6 @@
 // esa-ramtarget: the appliance's iSCSI target serving memory-backed LUNs.
 // It tests and measures the protocol layer without the rest of the system:
-//   esa-ramtarget [--portal ADDR] [--luns N] [--size BYTES] [--target-name IQN] [--direct]
+//   esa-ramtarget [--portal ADDR] [--luns N] [--size BYTES] [--target-name IQN] [--chap USER:SECRET] [--direct]
 // SIZE takes k, m, g suffixes (powers of 1024). Data commands travel as the
 // system will receive them: through the multi-issue rings of "/usbCmdResp",
 // write data in "/SHJ1", read data described by InterCoreSGLs, to a responder
@@ -42,7 +42,8 @@ bool parseSize(const char* text, uint64_t& out) {
 
 int usage() {
     std::fprintf(stderr,
-                 "usage: esa-ramtarget [--portal HOST:PORT] [--luns N] [--size BYTES] [--target-name IQN] [--direct]\n");
+                 "usage: esa-ramtarget [--portal HOST:PORT] [--luns N] [--size BYTES] [--target-name IQN]\n"
+                 "                     [--chap USER:SECRET] [--direct]\n");
     return 2;
 }
 
@@ -70,6 +71,12 @@ int main(int argc, char** argv) {
             if (!parseSize(v, size)) return usage();
         } else if (a == "--target-name") {
             config.targetName = v;
+        } else if (a == "--chap") {
+            std::string s = v;
+            size_t colon = s.find(':');
+            if (colon == std::string::npos || colon == 0 || colon + 1 == s.size()) return usage();
+            config.chapUser = s.substr(0, colon);
+            config.chapSecret = s.substr(colon + 1);
         } else {
             return usage();
         }

@@ -87,6 +87,20 @@ tools)
     echo "$out" | grep -q "Lun:1" || fail "iscsi-ls does not list LUN 1: $out"
     iscsi-inq "iscsi://127.0.0.1:$PORT/iqn.2026-11.local.esa:other/0" > /dev/null 2>&1 && fail "login to a wrong target name succeeded"
     target_alive
+    # With CHAP configured, only the right user and secret get in.
+    kill "$RT_PID"; wait "$RT_PID" 2>/dev/null
+    "$BIN/esa-ramtarget" --portal 127.0.0.1:0 --size 16m --chap alice:s3cretpass1234 > "$WORK/target.log" 2>&1 &
+    RT_PID=$!
+    PORT=
+    for _ in $(seq 1 500); do
+        PORT=$(sed -n 's/.*listening on port \([0-9]*\).*/\1/p' "$WORK/target.log" 2>/dev/null)
+        [ -n "$PORT" ] && break
+        sleep 0.01
+    done
+    iscsi-inq "iscsi://alice%s3cretpass1234@127.0.0.1:$PORT/$TARGET/0" > /dev/null || fail "CHAP login with the right secret"
+    iscsi-inq "iscsi://alice%wrongsecret12@127.0.0.1:$PORT/$TARGET/0" > /dev/null 2>&1 && fail "CHAP login with a wrong secret succeeded"
+    iscsi-inq "iscsi://127.0.0.1:$PORT/$TARGET/0" > /dev/null 2>&1 && fail "login without CHAP succeeded"
+    target_alive
     ;;
 qemu)
     start_target 64m
