@@ -1,14 +1,11 @@
 #pragma once
 // DataScrubber: the least the start-up and pack load sequence needs for now; it
 // scrubs nothing yet.
-#include "include/ManagerBase.h"
+#include "include/ManagerStandIn.h"
 
-class DataScrubber : public ManagerBase {
+class DataScrubber : public ManagerStandIn {
 public:
     static DataScrubber* GetInstance();
-    StatusCode Initialize() override { return StatusCode::Success; }
-    StatusCode LoadDiskPack() override { return StatusCode::Success; }
-    StatusCode UnloadDiskPack() override { return StatusCode::Success; }
 
 private:
     DataScrubber() = default;

@@ -1,14 +1,11 @@
 #pragma once
 // DiskUtilizationDaemon: the least the start-up and pack load sequence needs for now; it
 // tracks no capacity yet.
-#include "include/ManagerBase.h"
+#include "include/ManagerStandIn.h"
 
-class DiskUtilizationDaemon : public ManagerBase {
+class DiskUtilizationDaemon : public ManagerStandIn {
 public:
     static DiskUtilizationDaemon* GetInstance();
-    StatusCode Initialize() override { return StatusCode::Success; }
-    StatusCode LoadDiskPack() override { return StatusCode::Success; }
-    StatusCode UnloadDiskPack() override { return StatusCode::Success; }
     void PostEventCapacity() {}
 
 private:

@@ -1,14 +1,11 @@
 #pragma once
 // DiskPackManager: the least the start-up and pack load sequence needs for now; it
 // finds no pack: discovery is not built yet.
-#include "include/ManagerBase.h"
+#include "include/ManagerStandIn.h"
 
-class DiskPackManager : public ManagerBase {
+class DiskPackManager : public ManagerStandIn {
 public:
     static DiskPackManager* GetInstance();
-    StatusCode Initialize() override { return StatusCode::Success; }
-    StatusCode LoadDiskPack() override { return StatusCode::Success; }
-    StatusCode UnloadDiskPack() override { return StatusCode::Success; }
     // Chooses a pack and, when one is viable, loads it through the second stage.
     StatusCode doColdStart(bool clearDisk);
     void diskPackLoadStatus(StatusCode status) { mLoadStatus = status; }

@@ -1,14 +1,11 @@
 #pragma once
 // ClusterScavenger: the least the start-up and pack load sequence needs for now; it
 // reclaims nothing yet.
-#include "util/StatusCode.h"
+#include "include/ManagerStandIn.h"
 
-class ClusterScavenger {
+class ClusterScavenger : public LifecycleStandIn {
 public:
     static ClusterScavenger* GetInstance();
-    StatusCode Initialize() { return StatusCode::Success; }
-    StatusCode LoadDiskPack() { return StatusCode::Success; }
-    StatusCode UnloadDiskPack() { return StatusCode::Success; }
 
 private:
     ClusterScavenger() = default;

@@ -1,14 +1,11 @@
 #pragma once
 // ScavengerTicker: the least the start-up and pack load sequence needs for now; it
 // ticks nothing yet.
-#include "util/StatusCode.h"
+#include "include/ManagerStandIn.h"
 
-class ScavengerTicker {
+class ScavengerTicker : public LifecycleStandIn {
 public:
     static ScavengerTicker* GetInstance();
-    StatusCode Initialize() { return StatusCode::Success; }
-    StatusCode LoadDiskPack() { return StatusCode::Success; }
-    StatusCode UnloadDiskPack() { return StatusCode::Success; }
 
 private:
     ScavengerTicker() = default;

@@ -6,9 +6,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstdint>
 #include <cstring>
 
 #include "platform/flash/Flash.h"
+#include "util/ConsoleCommand.h"
 #include "util/Trace.h"
 
 const char* const FlashConfigData::ScaleFactor = "scalefactor";
@@ -37,26 +39,38 @@ struct KeyHelp {
     const char* help;
 };
 const KeyHelp kKeys[] = {
-    {"scalefactor", "sets the total capacity scaling factor when used with demomode"},
-    {"demomode", "0 or 1; the system goes to demo mode at the next boot if the cleardisk button is pressed"},
-    {"cleardisk", "clear the disks at each start"},
-    {"regionscalefactor", "scale factor for the size of regions, set in demo mode"},
-    {"allowhostcommand", "0 or 1; allow the host to send debugging commands over USB"},
-    {"encryptdiag", "0 or 1; controls whether diagnostics are scrambled"},
-    {"maxlunsize", "maximum LUN size in TiB that the system exports to the host"},
-    {"displayelm", "0 or 1; display the event log on pack load"},
-    {"nobgthreads", "0 or 1; suspend all background threads at start"},
-    {"readonly", "0 or 1; prevent writes to disk"},
-    {"hreadonly", "0 or 1; throw away writes from the host"},
-    {"nohost", "0 or 1; do not bring up the host connection"},
-    {"netconfigusedefault", "iSCSI address: 1 use the default"},
-    {"netconfigipaddr", "iSCSI address"},
-    {"netconfigsubnet", "iSCSI subnet mask"},
-    {"netclearconfig", "a clear of the disks also resets the network settings"},
-    {"ddrmode", "dual disk redundancy is wanted for the next pack"},
-    {"esxcert", "0 or 1; enable or disable ESX certification mode"},
-    {"leddimminglevel", "1 to 200; LED dimming level"},
+    {FlashConfigData::ScaleFactor, "sets the total capacity scaling factor when used with demomode"},
+    {FlashConfigData::DemoMode,
+     "0 or 1; the system goes to demo mode at the next boot if the cleardisk button is pressed"},
+    {FlashConfigData::ClearDisk, "clear the disks at each start"},
+    {FlashConfigData::RegionScaleFactor, "scale factor for the size of regions, set in demo mode"},
+    {FlashConfigData::AllowHostCommand, "0 or 1; allow the host to send debugging commands over USB"},
+    {FlashConfigData::EncryptDiag, "0 or 1; controls whether diagnostics are scrambled"},
+    {FlashConfigData::MaxLunSize, "maximum LUN size in TiB that the system exports to the host"},
+    {FlashConfigData::DisplayElm, "0 or 1; display the event log on pack load"},
+    {FlashConfigData::NoBgThreads, "0 or 1; suspend all background threads at start"},
+    {FlashConfigData::ReadOnly, "0 or 1; prevent writes to disk"},
+    {FlashConfigData::HostReadOnly, "0 or 1; throw away writes from the host"},
+    {FlashConfigData::NoHost, "0 or 1; do not bring up the host connection"},
+    {FlashConfigData::NetConfigUseDefault, "iSCSI address: 1 use the default"},
+    {FlashConfigData::NetConfigIPAddr, "iSCSI address"},
+    {FlashConfigData::NetConfigSubnet, "iSCSI subnet mask"},
+    {FlashConfigData::NetClearConfig, "a clear of the disks also resets the network settings"},
+    {FlashConfigData::DDRMode, "dual disk redundancy is wanted for the next pack"},
+    {FlashConfigData::ESXCert, "0 or 1; enable or disable ESX certification mode"},
+    {FlashConfigData::LedDimmingLevel, "1 to 200; LED dimming level"},
 };
+
+// The board keeps values as 32-bit words: a value read back takes the word
+// its text names, "-1" and "4294967295" alike; text beyond 32 bits saturates.
+unsigned long wordOf(const std::string& text) {
+    long long v = std::strtoll(text.c_str(), nullptr, 10);
+    if (v > (long long)UINT32_MAX) v = UINT32_MAX;
+    if (v < (long long)INT32_MIN) v = INT32_MIN;
+    return (unsigned long)uint32_t(v);
+}
+
+ConsoleCommand gFlash("flash", "commands to set flash variables", FlashConfigData::ConsoleCommandHandler);
 }  // namespace
 
 FlashConfigData* FlashConfigData::GetInstance() {
@@ -88,7 +102,11 @@ StatusCode FlashConfigData::ReadConfigData() {
         return StatusCode::InternalError;
     }
     struct stat st;
-    if (::fstat(fileno(f), &st) == 0) mModTime = st.st_mtim;
+    if (::fstat(fileno(f), &st) == 0) {
+        mModTime = st.st_mtim;
+        mFileSize = st.st_size;
+        mFileInode = st.st_ino;
+    }
     char buf[kMaxFileBytes + 1] = {};
     size_t n = std::fread(buf, 1, kMaxFileBytes, f);
     if (std::ferror(f)) {
@@ -101,9 +119,12 @@ StatusCode FlashConfigData::ReadConfigData() {
         std::fclose(f);
         return StatusCode::Success;
     }
+    // Cut at each newline of what was read; a line that the size limit cuts
+    // is parsed as it stands, and a NUL ends only its own line.
     char* start = buf;
-    for (;;) {
-        char* nl = std::strchr(start, '\n');
+    char* end = buf + n;
+    while (start < end) {
+        char* nl = static_cast<char*>(std::memchr(start, '\n', size_t(end - start)));
         if (nl) *nl = '\0';
         parseLine(start);
         if (!nl) break;
@@ -123,7 +144,7 @@ StatusCode FlashConfigData::GetValueUint32(const char* key, unsigned long& value
         if (p.name.size() == len && std::memcmp(p.name.data(), key, len) == 0) {
             // A bad number takes the value of its leading digits; a value the
             // board wrote in 32-bit signed form ("-1") reads back as the same word.
-            value = (unsigned long)(uint32_t)std::strtol(p.value.c_str(), nullptr, 10);
+            value = wordOf(p.value);
             return StatusCode::Success;
         }
     }
@@ -132,8 +153,10 @@ StatusCode FlashConfigData::GetValueUint32(const char* key, unsigned long& value
 
 StatusCode FlashConfigData::SetValueUint32(const char* key, unsigned long value) {
     struct stat st;
+    // The flash file system's timestamps are coarse: size and inode catch an
+    // outside edit made within the same tick as our last read.
     bool same = ::stat(filePath().c_str(), &st) == 0 && st.st_mtim.tv_sec == mModTime.tv_sec &&
-                st.st_mtim.tv_nsec == mModTime.tv_nsec;
+                st.st_mtim.tv_nsec == mModTime.tv_nsec && st.st_size == mFileSize && st.st_ino == mFileInode;
     if (!same || !mLoaded) {
         mLoaded = false;
         ReadConfigData();

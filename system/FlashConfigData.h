@@ -4,6 +4,8 @@
 // At most 4,096 bytes of the file are read. Reads come from the copy in memory;
 // a write re-reads the file first when it changed behind our back, then
 // replaces the whole file. A key set twice in the file reads as the first.
+#include <sys/types.h>
+
 #include <ctime>
 #include <ostream>
 #include <string>
@@ -47,11 +49,15 @@ public:
     // The help texts of the keys, as `flash list` prints them.
     static void ListKeys(std::ostream& out);
     static bool IsKnownKey(const std::string& name);
+    // The `flash` console command.
+    static int ConsoleCommandHandler(int argc, char** argv, std::ostream& out);
 
     std::string filePath() const;
 
-private:
+    // Tests build their own instances to model a restart.
     FlashConfigData() = default;
+
+private:
     struct nvp {
         std::string name;
         std::string value;
@@ -62,4 +68,6 @@ private:
     bool mLoaded = false;
     bool mWriteEnabled = true;
     timespec mModTime{};
+    off_t mFileSize = -1;
+    ino_t mFileInode = 0;
 };

@@ -1,11 +1,13 @@
-// The `flash` console command over FlashConfigData.
+// The handler of the `flash` console command over FlashConfigData. It is
+// registered beside the store (FlashConfigData.cpp), so that every program
+// that uses the store has the command.
+#include <cstdint>
 #include <cstring>
 
 #include "system/FlashConfigData.h"
 #include "util/ConsoleCommand.h"
 
-namespace {
-int flashCommand(int argc, char** argv, std::ostream& out) {
+int FlashConfigData::ConsoleCommandHandler(int argc, char** argv, std::ostream& out) {
     FlashConfigData* flash = FlashConfigData::GetInstance();
     std::string verb = argc > 1 ? argv[1] : "";
     if (verb == "dump" && argc == 2) {
@@ -36,7 +38,7 @@ int flashCommand(int argc, char** argv, std::ostream& out) {
             return 0;
         }
         long long value = 0;
-        if (!parseConsoleNumber(argv[3], value)) {
+        if (!parseConsoleNumber(argv[3], value) || value > (long long)UINT32_MAX || value < (long long)INT32_MIN) {
             out << "command not understood\n";
             return -1;
         }
@@ -47,5 +49,3 @@ int flashCommand(int argc, char** argv, std::ostream& out) {
     out << "command not understood\n";
     return -1;
 }
-ConsoleCommand gFlash("flash", "commands to set flash variables", flashCommand);
-}  // namespace

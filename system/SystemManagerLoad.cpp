@@ -38,6 +38,7 @@
 #include "util/Assert.h"
 #include "util/CrashPoint.h"
 #include "util/DebugClass.h"
+#include "util/Endian.h"
 #include "util/Trace.h"
 #include "zone/LayoutManager.h"
 #include "zone/Zone0InfoTable.h"
@@ -74,13 +75,6 @@ bool readOnlyStep(const char* name, const char* what, StatusCode status) {
     ESA_CONSOLE(name << " " << what << " called");
     ESA_CONSOLE(name << " " << what << (status == StatusCode::Success ? " passed" : " failed"));
     return status == StatusCode::Success;
-}
-
-void putLe32(unsigned char* p, uint32_t v) {
-    for (int i = 0; i < 4; ++i) p[i] = uint8_t(v >> (8 * i));
-}
-uint32_t getLe32(const unsigned char* p) {
-    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
 }
 
 }  // namespace
@@ -303,9 +297,9 @@ void SystemManager::loadSavedState(MountState& mount, BatState& battery) {
         if (InLabMode()) reportUnaryAssertion(__FILE__, __LINE__, __func__, "loadSavedState read");
         return;
     }
-    uint32_t signature = getLe32(mZone0Buffer), version = getLe32(mZone0Buffer + 4);
+    uint32_t signature = getLE32(mZone0Buffer), version = getLE32(mZone0Buffer + 4);
     if (signature == kSavedStateEntry && version == 1) {
-        uint32_t m = getLe32(mZone0Buffer + 8), b = getLe32(mZone0Buffer + 12);
+        uint32_t m = getLE32(mZone0Buffer + 8), b = getLE32(mZone0Buffer + 12);
         mount = m <= MOUNT_UNKNOWN ? MountState(m) : MOUNT_UNKNOWN;
         battery = b <= BAT_DEFAULT ? BatState(b) : BAT_DEFAULT;
         return;
@@ -323,10 +317,10 @@ void SystemManager::saveState(MountState mount, BatState battery) {
         mZone0InfoTable->CreateEntry(kSavedStateEntry, 1, 4096, kSavedStateSignature);
     }
     std::memset(mZone0Buffer, 0, 4096);
-    putLe32(mZone0Buffer, kSavedStateEntry);
-    putLe32(mZone0Buffer + 4, 1);
-    putLe32(mZone0Buffer + 8, uint32_t(mount));
-    putLe32(mZone0Buffer + 12, uint32_t(battery));
+    putLE32(mZone0Buffer, kSavedStateEntry);
+    putLE32(mZone0Buffer + 4, 1);
+    putLE32(mZone0Buffer + 8, uint32_t(mount));
+    putLE32(mZone0Buffer + 12, uint32_t(battery));
     StatusCode s = mZone0InfoTable->WriteArea(kSavedStateEntry, mZone0Buffer, 4096);
     if (s != StatusCode::Success) {
         mZone0InfoTable->EraseEntry(kSavedStateEntry);

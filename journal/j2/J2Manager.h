@@ -1,14 +1,11 @@
 #pragma once
 // J2Manager: the least the start-up and pack load sequence needs for now; it
 // writes metadata straight through: the journal is not built yet.
-#include "include/ManagerBase.h"
+#include "include/ManagerStandIn.h"
 
-class J2Manager : public ManagerBase {
+class J2Manager : public ManagerStandIn {
 public:
     static J2Manager* GetInstance();
-    StatusCode Initialize() override { return StatusCode::Success; }
-    StatusCode LoadDiskPack() override { return StatusCode::Success; }
-    StatusCode UnloadDiskPack() override { return StatusCode::Success; }
     bool nvramCorrupt() const { return false; }
     const char* nvramCorruptMessage() const { return ""; }
     void forceFlush(bool wait) { (void)wait; }

@@ -82,7 +82,10 @@ int main(int argc, char** argv) {
     }
     if (argc > 2) {
         std::string line;
-        for (int i = 2; i < argc; ++i) line += (i > 2 ? " " : "") + quoteWord(argv[i]);
+        for (int i = 2; i < argc; ++i) {
+            if (i > 2) line.push_back(' ');
+            line.append(quoteWord(argv[i]));
+        }
         int rc = runCommand(fd, line);
         ::close(fd);
         if (rc == -1000) {

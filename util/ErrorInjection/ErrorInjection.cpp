@@ -22,23 +22,17 @@ ErrorInjection::~ErrorInjection() {
     a.erase(std::remove(a.begin(), a.end(), this), a.end());
 }
 
-int ErrorInjection::addApiPoint(const char* name, const char* description) {
+int ErrorInjection::addPoint(std::vector<Point>& points, const char* name, const char* description) {
     std::lock_guard<std::mutex> g(mLock);
     Point p;
     p.name = name;
     p.description = description;
-    mApi.push_back(p);
-    return int(mApi.size() - 1);
+    points.push_back(p);
+    return int(points.size() - 1);
 }
 
-int ErrorInjection::addIoPoint(const char* name, const char* description) {
-    std::lock_guard<std::mutex> g(mLock);
-    Point p;
-    p.name = name;
-    p.description = description;
-    mIo.push_back(p);
-    return int(mIo.size() - 1);
-}
+int ErrorInjection::addApiPoint(const char* name, const char* description) { return addPoint(mApi, name, description); }
+int ErrorInjection::addIoPoint(const char* name, const char* description) { return addPoint(mIo, name, description); }
 
 bool ErrorInjection::apiFires(Point& p) {
     bool fired = false;

@@ -52,6 +52,7 @@ public:
 
 private:
     bool apiFires(Point& p);
+    int addPoint(std::vector<Point>& points, const char* name, const char* description);
     std::string mModule;
     std::mutex mLock;
     std::vector<Point> mApi, mIo;

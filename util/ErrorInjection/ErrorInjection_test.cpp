@@ -46,15 +46,17 @@ TEST(ErrorInjection, StatusReplacesTheCallersOwnOnlyWhenFired) {
 TEST(ErrorInjection, IoPointMarksTheTransaction) {
     ErrorInjection e("dm");
     int p = e.addIoPoint("write", "fail a write");
-    IOTracker t;
+    IOTracker t(READ_WRITE);
     EXPECT_FALSE(e.ioErrorInject(p, t));
     EXPECT_EQ(t.flags & IOTracker::kFailNextIo, 0u);
     e.enable(false, "write", ErrorInjection::After, 2, 0, StatusCode());
     EXPECT_FALSE(e.ioErrorInject(p, t));
     EXPECT_TRUE(e.ioErrorInject(p, t));
     EXPECT_NE(t.flags & IOTracker::kFailNextIo, 0u);
-    IOTracker u;
+    IOTracker u(READ_WRITE);
     EXPECT_FALSE(e.ioErrorInject(p, u)) << "after fires once";
+    t.commit();
+    u.commit();
 }
 
 TEST(ErrorInjection, ConsoleCommandsEnableByModule) {

@@ -1,0 +1,105 @@
+#include "util/IOTracker.h"
+
+#include "util/Assert.h"
+#include "util/ExtendingLockObject.h"
+
+std::atomic<uint64_t> IOTracker::iotGlobalId{0};
+IOTracker::JournalHooks IOTracker::journal;
+
+uint64_t IOTracker::nextId() {
+    uint64_t id;
+    do {
+        id = iotGlobalId.fetch_add(1, std::memory_order_relaxed) + 1;
+    } while (id == 0);  // 0 means "no transaction" in lock records
+    return id;
+}
+
+IOTracker::SharedState* IOTracker::newSharedState() {
+    // Transactions are begun on every I/O path: their shared records come from
+    // a pool, sized here until the system sizes it for its steady state.
+    static bool sized = (ObjectPool<SharedState>::Initialize(kDefaultSharedStates), true);
+    (void)sized;
+    return new SharedState;
+}
+
+IOTracker::IOTracker(iotType type)
+    : mShared(newSharedState()), mId(nextId()), mLockObjectList(&mShared->locks), mOwnerTask(currentLockTask()) {
+    flags = type == READ_WRITE ? kReadWrite : 0;
+}
+
+IOTracker::IOTracker(IOTracker& other)
+    : mShared(other.mShared), mId(other.mId), mLockObjectList(other.mLockObjectList), mOwnerTask(other.mOwnerTask) {
+    mShared->refs.fetch_add(1, std::memory_order_relaxed);
+    flags = uint8_t(other.flags & ~kPrivate);
+    // An injected error fires once: the mark moves to the fork.
+    if (other.flags & kFailNextIo) other.flags = uint8_t(other.flags & ~kFailNextIo);
+}
+
+IOTracker::~IOTracker() {
+    if (mShared->refs.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+    if (!isReadWrite()) lockRelease();
+    ESA_ASSERT(mLockObjectList->empty());
+    delete mShared;
+}
+
+void IOTracker::lockRelease() {
+    if (mShared->lockCount.load() == 0) return;  // the common case: nothing held extended
+    while (ExtendingLockObject* lock = frontExtendedLock()) lock->CommitExtendedLock(*this);
+}
+
+StatusCode IOTracker::commit() {
+    if (journal.commit) return journal.commit(*this);
+    mShared->commits.fetch_add(1, std::memory_order_relaxed);
+    lockRelease();
+    return StatusCode::Success;
+}
+
+StatusCode IOTracker::commitIfDirty() {
+    if (dirtyCount() == 0) {
+        lockRelease();
+        return StatusCode::Success;
+    }
+    return commit();
+}
+
+StatusCode IOTracker::setFlushFlag() {
+    if (journal.setFlushFlag) return journal.setFlushFlag(*this);
+    return StatusCode::Success;  // written straight through: nothing waits to be flushed
+}
+
+uint32_t IOTracker::getMaxPayloadNeeded() {
+    return journal.getMaxPayloadNeeded ? journal.getMaxPayloadNeeded(*this) : 0;
+}
+
+void IOTracker::addClid() {
+    if (journal.addClid) journal.addClid(*this, mCacheTracker);
+}
+
+void IOTracker::addExtendedLock(ExtendingLockObject* lock) {
+    std::lock_guard<std::mutex> g(mShared->listLock);
+    mLockObjectList->push_back(lock);
+    mShared->lockCount.store(uint32_t(mLockObjectList->size()));
+}
+
+void IOTracker::removeExtendedLock(ExtendingLockObject* lock) {
+    std::lock_guard<std::mutex> g(mShared->listLock);
+    mLockObjectList->remove(lock);
+    mShared->lockCount.store(uint32_t(mLockObjectList->size()));
+}
+
+ExtendingLockObject* IOTracker::frontExtendedLock() {
+    std::lock_guard<std::mutex> g(mShared->listLock);
+    return mLockObjectList->empty() ? nullptr : mLockObjectList->front();
+}
+
+bool IOTracker::hasExtendedLocks() {
+    std::lock_guard<std::mutex> g(mShared->listLock);
+    return !mLockObjectList->empty();
+}
+
+std::vector<LockOrderChecker::TransactionLock> IOTracker::lockOrderSnapshot() {
+    std::vector<LockOrderChecker::TransactionLock> out;
+    std::lock_guard<std::mutex> g(mShared->listLock);
+    for (ExtendingLockObject* l : *mLockObjectList) out.push_back({l, mId});
+    return out;
+}

@@ -1,0 +1,88 @@
+#pragma once
+// MemoryPool: a fixed set of equal data blocks (32 KiB for the caches) and
+// the LRU list of what the cache keeps in them. Free blocks sit in a free
+// store; GetBlocks moves them into a working store, evicting least recently
+// used cache entries while too few are free; a store's destruction returns
+// its blocks in one splice (ReturnBlocks), and the last handle of a lone
+// block returns it (ReturnBlock). Block values live as long as the pool.
+//
+// Lock order: the owner's lock (the cache tracker's mLock), then the LRU
+// lock; the pool lock is never held while evicting.
+#include <cstdint>
+#include <string>
+
+#include "util/DataStore.h"
+#include "util/ReentrantLockObject.h"
+#include "util/StatusCode.h"
+#include "util/dList.h"
+
+// An entry of a pool's LRU list: the cache puts one in each cached range that
+// has a store. The cache decides what "dirty" and "locked" mean and how an
+// entry is destroyed; the pool decides when.
+class LruNode : public dNode {
+public:
+    bool active = false;  // on the LRU list
+    virtual DataStore* lruStore() = 0;
+    // False while the entry is dirty (unless evictDirty) or locked.
+    virtual bool lruEvictable(bool evictDirty) = 0;
+    // Destroys the entry; its store's last reference returns the blocks.
+    virtual void lruEvict() = 0;
+    // The lock of the entry's owner, taken before the LRU lock.
+    virtual void lruLockOwner() = 0;
+    virtual void lruUnlockOwner() = 0;
+};
+
+class MemoryPool {
+public:
+    class LRU {
+    public:
+        explicit LRU(const std::string& name);
+        void AddToLRU(LruNode& node);
+        void RemoveFromLRU(LruNode& node);
+        void MarkMostRecentlyUsed(LruNode& node);
+        // Evicts from the head until `wanted` blocks came free; entries that
+        // cannot go move to the tail. MP_NoFreeEntriesOnLRU after one round
+        // with nothing evictable.
+        StatusCode FreeLeastRecentlyUsed(uint32_t wanted, bool evictDirty);
+        uint32_t entries();
+
+    private:
+        dList<LruNode> mList;  // head: least recently used
+        uint32_t mEntries = 0;
+        ReentrantLockObject mLock;
+    };
+
+    // Takes 512-byte aligned memory for the blocks from the heap.
+    MemoryPool(const char* name, uint32_t numBlocks, uint32_t blockSize);
+    // Uses memory given by the caller.
+    MemoryPool(const char* name, unsigned char* base, uint32_t numBlocks, uint32_t blockSize);
+    virtual ~MemoryPool();
+    MemoryPool(const MemoryPool&) = delete;
+    MemoryPool& operator=(const MemoryPool&) = delete;
+
+    // A new store of numBlocks blocks (length numBlocks x block size).
+    DataStore* GetBlocks(uint32_t numBlocks);
+    void GetBlocks(DataStore& store, uint32_t numBlocks);
+    virtual void ReturnBlock(DataBlock& block);
+    virtual void ReturnBlocks(DataStore& store);
+
+    LRU& lru() { return mLRU; }
+    uint32_t numEntries() const { return mNumEntries; }
+    uint32_t freeCount();
+    uint32_t blockSize() const { return mBlockSize; }
+    const std::string& name() const { return mName; }
+
+protected:
+    void MemoryPoolInit(const char* name, unsigned char* bufferLoc, uint32_t numBlocks, uint32_t blockSize);
+
+    LRU mLRU;
+    uint32_t mNumEntries = 0;
+    uint32_t mFreeCount = 0;
+    DataStore mFreeStore;
+    ReentrantLockObject mLock;
+    uint32_t mBlockSize = 0;
+
+private:
+    std::string mName;
+    unsigned char* mOwnedMemory = nullptr;
+};
