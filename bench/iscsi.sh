@@ -8,18 +8,19 @@
 # will; the same figures with the prefix "direct_" are esa-ramtarget --direct
 # (the protocol layer straight on memory), against the same tgtd measurement.
 # Prints one figure line each and never fails on a slow machine.
-#   bench/iscsi.sh            builds Release into build-release first
+#   bench/iscsi.sh            uses build-bench (what bench/run.sh builds), building
+#                             the two programs there first if they are missing
 #   ESA_BIN_DIR=DIR bench/iscsi.sh   uses the programs in DIR
 #   ESA_BENCH_SECONDS=N       seconds per measurement (default 5)
 set -u
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
 SECONDS_EACH=${ESA_BENCH_SECONDS:-5}
 LUN_BYTES=$((1 << 30))
-BIN=${ESA_BIN_DIR:-}
-if [ -z "$BIN" ]; then
-    BIN=$ROOT/build-release/bin
-    cmake -S "$ROOT" -B "$ROOT/build-release" -G Ninja -DCMAKE_BUILD_TYPE=Release -DESA_TESTS=OFF > /dev/null &&
-        ninja -C "$ROOT/build-release" -j2 esa-ramtarget esa-load > /dev/null || { echo "iscsi: build failed"; exit 0; }
+BIN=${ESA_BIN_DIR:-$ROOT/build-bench/bin}
+if [ ! -x "$BIN/esa-ramtarget" ] || [ ! -x "$BIN/esa-load" ]; then
+    [ -n "${ESA_BIN_DIR:-}" ] && { echo "iscsi: no esa-ramtarget/esa-load in $BIN"; exit 0; }
+    cmake -S "$ROOT" -B "$ROOT/build-bench" -G Ninja -DCMAKE_BUILD_TYPE=Release -DESA_TESTS=OFF > /dev/null &&
+        ninja -C "$ROOT/build-bench" -j2 esa-ramtarget esa-load > /dev/null || { echo "iscsi: build failed"; exit 0; }
 fi
 WORK=$(mktemp -d /tmp/esa-bench-iscsi-XXXXXX)
 SHM=$(mktemp -d /dev/shm/esa-bench-iscsi-XXXXXX)
