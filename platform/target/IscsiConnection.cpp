@@ -216,6 +216,12 @@ void IscsiConnection::abortTasks(bool allLuns, uint32_t lun) {
     }
 }
 
+void IscsiConnection::markAborted(bool allLuns, uint32_t lun) {
+    std::lock_guard<std::mutex> g(mTaskLock);
+    for (auto& [itt, t] : mTasks)
+        if (allLuns || t->lun == lun) t->aborted = true;
+}
+
 void IscsiConnection::drainSubmitted() {
     std::unique_lock<std::mutex> g(mTaskLock);
     mTaskDone.wait(g, [&] { return mSubmitted == 0; });

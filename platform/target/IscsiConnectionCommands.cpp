@@ -174,12 +174,15 @@ bool IscsiConnection::handleTaskManagement(Pdu& pdu) {
             break;
         }
         abortTasks(false, lun);
+        if (function == 5) mTarget.abortInOtherSessions(this, false, lun);  // a reset reaches every initiator
         break;
     case 6:  // TARGET WARM RESET
         abortTasks(true, 0);
+        mTarget.abortInOtherSessions(this, true, 0);
         break;
     case 7:  // TARGET COLD RESET: the connection goes too
         abortTasks(true, 0);
+        mTarget.abortInOtherSessions(this, true, 0);
         endConnection = true;
         break;
     case 8:

@@ -172,6 +172,12 @@ bool IscsiConnection::handleDataOut(Pdu& pdu) {
     if (h.word36() != t->expectedDataSn) t->dataPhaseError = true;
     if (offset != t->received || uint64_t(offset) + len > t->burstEnd)
         return protocolError(pdu, kRejectProtocolError, "Data-Out outside the burst");
+    {
+        // A task aborted from another session takes no more data into its
+        // buffer (in a memory-backed LUN that buffer is the LUN itself).
+        std::lock_guard<std::mutex> g(mTaskLock);
+        if (t->aborted) t->landing = 0;
+    }
     if (!receiveInto(*t, offset, len)) return false;
     t->received += len;
     ++t->expectedDataSn;
@@ -200,6 +206,17 @@ void IscsiConnection::finishLocally(Task* t, const scsi::Decision& d) {
 }
 
 void IscsiConnection::executeTask(Task* t) {
+    {
+        // Aborted from another session (a LUN or target reset) while its data
+        // were still coming: it ends here, without a response.
+        std::lock_guard<std::mutex> g(mTaskLock);
+        if (t->aborted) {
+            if (t->hasBackendBuffer) mBackend.release(t->cmd);
+            mTasks.erase(t->itt);
+            --mOutstanding;
+            return;
+        }
+    }
     if (t->cmd.kind == TargetCommand::Kind::Write || t->cmd.kind == TargetCommand::Kind::Management) {
         scsi::Decision local;
         if (t->partialBlock || t->dataPhaseError) {

@@ -164,6 +164,12 @@ void IscsiTarget::unregisterSession(IscsiConnection* conn) {
     if (linkDown) mBackend.linkEvent(false);
 }
 
+void IscsiTarget::abortInOtherSessions(IscsiConnection* from, bool allLuns, uint32_t lun) {
+    std::lock_guard<std::mutex> g(mLock);
+    for (auto& [id, conn] : mConnections)
+        if (conn.get() != from) conn->markAborted(allLuns, lun);
+}
+
 size_t IscsiTarget::connectionCount() {
     std::lock_guard<std::mutex> g(mLock);
     return mConnections.size();

@@ -59,6 +59,9 @@ public:
     uint16_t registerSession(IscsiConnection* conn, const std::string& initiator, uint64_t isid, bool normal);
     void unregisterSession(IscsiConnection* conn);
 
+    // A LUN reset or target reset from one session aborts the tasks of the others.
+    void abortInOtherSessions(IscsiConnection* from, bool allLuns, uint32_t lun);
+
     size_t connectionCount();
     size_t sessionCount();
 
