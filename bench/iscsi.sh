@@ -4,25 +4,30 @@
 # on tmpfs, both measured with esa-load in the same run:
 #   iscsi.seq_read_128k, iscsi.seq_write_128k   MB/s, queue depth 32
 #   iscsi.rand_read_4k,  iscsi.rand_write_4k    IOPS, queue depth 32
+# esa-ramtarget serves through the rings of the host data path, as the system
+# will; the same figures with the prefix "direct_" are esa-ramtarget --direct
+# (the protocol layer straight on memory), against the same tgtd measurement.
 # Prints one figure line each and never fails on a slow machine.
-#   bench/iscsi.sh            builds Release into build-release first
+#   bench/iscsi.sh            uses build-bench (what bench/run.sh builds), building
+#                             the two programs there first if they are missing
 #   ESA_BIN_DIR=DIR bench/iscsi.sh   uses the programs in DIR
 #   ESA_BENCH_SECONDS=N       seconds per measurement (default 5)
 set -u
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
 SECONDS_EACH=${ESA_BENCH_SECONDS:-5}
 LUN_BYTES=$((1 << 30))
-BIN=${ESA_BIN_DIR:-}
-if [ -z "$BIN" ]; then
-    BIN=$ROOT/build-release/bin
-    cmake -S "$ROOT" -B "$ROOT/build-release" -G Ninja -DCMAKE_BUILD_TYPE=Release -DESA_TESTS=OFF > /dev/null &&
-        ninja -C "$ROOT/build-release" -j2 esa-ramtarget esa-load > /dev/null || { echo "iscsi: build failed"; exit 0; }
+BIN=${ESA_BIN_DIR:-$ROOT/build-bench/bin}
+if [ ! -x "$BIN/esa-ramtarget" ] || [ ! -x "$BIN/esa-load" ]; then
+    [ -n "${ESA_BIN_DIR:-}" ] && { echo "iscsi: no esa-ramtarget/esa-load in $BIN"; exit 0; }
+    cmake -S "$ROOT" -B "$ROOT/build-bench" -G Ninja -DCMAKE_BUILD_TYPE=Release -DESA_TESTS=OFF > /dev/null &&
+        ninja -C "$ROOT/build-bench" -j2 esa-ramtarget esa-load > /dev/null || { echo "iscsi: build failed"; exit 0; }
 fi
 WORK=$(mktemp -d /tmp/esa-bench-iscsi-XXXXXX)
 SHM=$(mktemp -d /dev/shm/esa-bench-iscsi-XXXXXX)
-RT_PID= TGT_PID=
+RT_PID= RTD_PID= TGT_PID=
 cleanup() {
     [ -n "$RT_PID" ] && kill "$RT_PID" 2>/dev/null
+    [ -n "$RTD_PID" ] && kill "$RTD_PID" 2>/dev/null
     if [ -n "$TGT_PID" ]; then
         # tgtd leaves on its own system delete; SIGTERM alone does not end it.
         tgtadm -C "$CTL_PORT" --mode system --op delete --force > /dev/null 2>&1
@@ -40,12 +45,20 @@ free_port() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",
 "$BIN/esa-ramtarget" --portal 127.0.0.1:0 --size $LUN_BYTES > "$WORK/rt.log" 2>&1 &
 RT_PID=$!
 for _ in $(seq 1 500); do
-    RT_PORT=$(sed -n 's/.*listening on port \([0-9]*\).*/\1/p' "$WORK/rt.log")
+    RT_PORT=$(sed -n 's/.*listening on port \([0-9]*\).*/\1/p' "$WORK/rt.log" 2>/dev/null)
     [ -n "$RT_PORT" ] && break
     sleep 0.01
 done
 [ -n "${RT_PORT:-}" ] || { echo "iscsi: esa-ramtarget did not start"; exit 0; }
 ESA_URL=iscsi://127.0.0.1:$RT_PORT/iqn.2026-11.local.esa:array/0
+"$BIN/esa-ramtarget" --portal 127.0.0.1:0 --size $LUN_BYTES --direct > "$WORK/rtd.log" 2>&1 &
+RTD_PID=$!
+for _ in $(seq 1 500); do
+    RTD_PORT=$(sed -n 's/.*listening on port \([0-9]*\).*/\1/p' "$WORK/rtd.log" 2>/dev/null)
+    [ -n "$RTD_PORT" ] && break
+    sleep 0.01
+done
+DIRECT_URL=iscsi://127.0.0.1:${RTD_PORT:-1}/iqn.2026-11.local.esa:array/0
 
 # The reference: tgtd with a file on tmpfs as its LUN 1.
 TGT_URL=
@@ -55,6 +68,7 @@ if command -v tgtd > /dev/null && command -v tgtadm > /dev/null; then
     truncate -s $LUN_BYTES "$SHM/lun.img"
     tgtd -f -C "$CTL_PORT" --iscsi portal=127.0.0.1:"$TGT_PORT" > "$WORK/tgtd.log" 2>&1 &
     TGT_PID=$!
+    disown "$TGT_PID"  # it is ended with SIGKILL; no job report for that
     for _ in $(seq 1 200); do
         tgtadm -C "$CTL_PORT" --lld iscsi --op new --mode target --tid 1 -T iqn.2026-11.local.bench:tgtd 2> /dev/null && break
         sleep 0.05
@@ -77,25 +91,29 @@ measure() {
 
 # Both LUNs are written once end to end first, so that no figure pays for
 # the first touch of memory.
-for url in "$ESA_URL" $TGT_URL; do
+for url in "$ESA_URL" "$DIRECT_URL" $TGT_URL; do
     "$BIN/esa-load" "$url" --pattern seq --rw write --bs 512k --qd 16 --bytes $LUN_BYTES > /dev/null 2>&1
 done
 
-figure() {  # NAME PATTERN RW BS FIELD UNIT
-    local esa ref ratio
-    esa=$(measure "$ESA_URL" "$2" "$3" "$4" "$5")
-    esa=${esa:-0}
-    if [ -n "$TGT_URL" ]; then
-        ref=$(measure "$TGT_URL" "$2" "$3" "$4" "$5")
-        ref=${ref:-0}
-        ratio=$(python3 -c "print('%.2f' % ($esa / $ref if $ref > 0 else 0))")
-        echo "figure iscsi.$1 $esa $6 ref tgtd $ref $6 ratio $ratio"
-    else
-        echo "figure iscsi.$1 $esa $6 ref tgtd 0 $6 ratio 0"
-    fi
+line() {  # NAME VALUE REF UNIT
+    local ratio
+    ratio=$(python3 -c "print('%.2f' % ($2 / $3 if $3 > 0 else 0))")
+    echo "figure iscsi.$1 $2 $4 ref tgtd $3 $4 ratio $ratio"
 }
+figure() {  # NAME PATTERN RW BS FIELD UNIT
+    local esa direct ref=0
+    esa=$(measure "$ESA_URL" "$2" "$3" "$4" "$5")
+    [ -n "$TGT_URL" ] && ref=$(measure "$TGT_URL" "$2" "$3" "$4" "$5")
+    direct=$(measure "$DIRECT_URL" "$2" "$3" "$4" "$5")
+    line "$1" "${esa:-0}" "${ref:-0}" "$6"
+    DIRECT_LINES="$DIRECT_LINES$(line "direct_$1" "${direct:-0}" "${ref:-0}" "$6")
+"
+}
+DIRECT_LINES=""
+
 figure seq_read_128k seq read 128k mbps MB/s
 figure seq_write_128k seq write 128k mbps MB/s
 figure rand_read_4k rand read 4k iops IOPS
 figure rand_write_4k rand write 4k iops IOPS
+printf "%s" "$DIRECT_LINES"
 exit 0

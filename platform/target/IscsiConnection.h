@@ -41,6 +41,11 @@ public:
 
     void commandDone(TargetCommand& cmd) override;
 
+    // A reset from another session: the tasks of the LUN (or all) are marked
+    // aborted and end without a response; this connection's own thread
+    // drops them when their data are in or the backend is done with them.
+    void markAborted(bool allLuns, uint32_t lun);
+
 private:
     struct Task;
     enum class Phase { Login, FullFeature, Ending };

@@ -161,3 +161,18 @@ TEST(IscsiSessionParams, MalformedAndUnknownKeysAreAnsweredNotObeyed) {
     auto bad = negotiate(p, {{"SessionType", "Other"}}, 1, false);
     EXPECT_EQ(bad.statusClass, 2);
 }
+
+TEST(IscsiSessionParams, WithChapConfiguredOnlyChapIsAccepted) {
+    IscsiSessionParams p;
+    p.chapRequired = true;
+    auto none = negotiate(p, {{"AuthMethod", "None"}}, 0, false);
+    EXPECT_EQ(none.statusClass, 2);
+    EXPECT_EQ(none.statusDetail, 1);
+    IscsiSessionParams q;
+    q.chapRequired = true;
+    auto both = negotiate(q, {{"AuthMethod", "None,CHAP"}}, 0, false);
+    EXPECT_EQ(both.statusClass, 0);
+    EXPECT_EQ(valueOf(both.response, "AuthMethod"), "CHAP");
+    EXPECT_TRUE(q.authMethodChap);
+    EXPECT_FALSE(q.authMethodNone);
+}

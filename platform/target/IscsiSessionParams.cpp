@@ -61,8 +61,11 @@ NegotiationResult negotiate(IscsiSessionParams& p, const KeyValues& keys, int lo
             else { fail(2, 0x07); continue; }
             p.sessionTypeSeen = true;
         } else if (key == "AuthMethod") {
-            // No authentication unless the operator configures it; CHAP is not offered.
-            if (listContains(value, "None")) {
+            // No authentication unless the operator configures CHAP; then only CHAP.
+            if (p.chapRequired && listContains(value, "CHAP")) {
+                p.authMethodChap = true;
+                r.response.emplace_back(key, "CHAP");
+            } else if (!p.chapRequired && listContains(value, "None")) {
                 p.authMethodNone = true;
                 r.response.emplace_back(key, "None");
             } else {

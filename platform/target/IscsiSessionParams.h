@@ -37,6 +37,8 @@ struct IscsiSessionParams {
     bool discovery = false;
     bool sessionTypeSeen = false;
     bool authMethodNone = false;   // AuthMethod negotiated to None
+    bool chapRequired = false;     // the operator configured CHAP: None is not accepted
+    bool authMethodChap = false;   // AuthMethod negotiated to CHAP
 };
 
 // Outcome of a batch of keys: the response keys and, on a failure, the login

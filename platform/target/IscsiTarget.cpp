@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/time.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -17,6 +18,7 @@
 
 namespace {
 Trace tPortal("Target", "Iscsi", "Portal", false);
+constexpr int kLoginTimeoutSeconds = 30;
 
 bool splitPortal(const std::string& portal, std::string& host, std::string& port) {
     size_t colon = portal.rfind(':');
@@ -31,6 +33,11 @@ bool splitPortal(const std::string& portal, std::string& host, std::string& port
 IscsiTargetConfig IscsiTargetConfig::fromEnvironment() {
     IscsiTargetConfig c;
     if (const char* p = std::getenv("ESA_PORTAL"); p && *p) c.portal = p;
+    if (const char* chap = std::getenv("ESA_CHAP"); chap && std::strchr(chap, ':')) {
+        std::string s = chap;
+        c.chapUser = s.substr(0, s.find(':'));
+        c.chapSecret = s.substr(s.find(':') + 1);
+    }
     return c;
 }
 
@@ -104,6 +111,9 @@ void IscsiTarget::acceptLoop() {
         // and switches autotuning off.
         int one = 1;
         ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        // A host that connects and never logs in gives its connection up after a while.
+        struct timeval loginTimeout = {kLoginTimeoutSeconds, 0};
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &loginTimeout, sizeof loginTimeout);
         std::shared_ptr<IscsiConnection> conn;
         {
             std::lock_guard<std::mutex> g(mLock);
@@ -152,6 +162,12 @@ void IscsiTarget::unregisterSession(IscsiConnection* conn) {
         }
     }
     if (linkDown) mBackend.linkEvent(false);
+}
+
+void IscsiTarget::abortInOtherSessions(IscsiConnection* from, bool allLuns, uint32_t lun) {
+    std::lock_guard<std::mutex> g(mLock);
+    for (auto& [id, conn] : mConnections)
+        if (conn.get() != from) conn->markAborted(allLuns, lun);
 }
 
 size_t IscsiTarget::connectionCount() {

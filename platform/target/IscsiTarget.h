@@ -29,8 +29,12 @@ struct IscsiTargetConfig {
     std::string targetName = "iqn.2026-11.local.esa:array";
     // Commands the initiator may have outstanding per session.
     uint32_t commandWindow = 128;
+    // One-way CHAP: with a user name set, every login must authenticate as
+    // that user with that secret; empty means no authentication.
+    std::string chapUser;
+    std::string chapSecret;
 
-    // The portal from ESA_PORTAL when set, else the default.
+    // The portal from ESA_PORTAL, and CHAP from ESA_CHAP ("user:secret"), when set.
     static IscsiTargetConfig fromEnvironment();
 };
 
@@ -54,6 +58,9 @@ public:
     // the same pair is ended (reinstatement). Returns the TSIH.
     uint16_t registerSession(IscsiConnection* conn, const std::string& initiator, uint64_t isid, bool normal);
     void unregisterSession(IscsiConnection* conn);
+
+    // A LUN reset or target reset from one session aborts the tasks of the others.
+    void abortInOtherSessions(IscsiConnection* from, bool allLuns, uint32_t lun);
 
     size_t connectionCount();
     size_t sessionCount();

@@ -10,11 +10,15 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstring>
 #include <cstdlib>
 #include <memory>
 #include <thread>
 
+#include "platform/target/CommandQueueDriver.h"
 #include "platform/target/IscsiTarget.h"
+#include "platform/target/MultiIssueDriver.h"
+#include "platform/target/RamRingResponder.h"
 #include "platform/target/RamBackend.h"
 #include "platform/target/ScsiResponder.h"
 #include "platform/target/TargetLunTable.h"
@@ -40,7 +44,9 @@ std::vector<uint8_t> pattern(size_t n, uint8_t seed) {
     return v;
 }
 
-class IscsiTargetTest : public ::testing::Test {
+// Parameter: false serves the LUNs straight from RamBackend, true through
+// the multi-issue rings to the ring responder.
+class IscsiTargetTest : public ::testing::TestWithParam<bool> {
 protected:
     void SetUp() override {
         if (const char* p = std::getenv("ESA_TEST_PORTAL")) {
@@ -49,16 +55,37 @@ protected:
             return;
         }
         TargetLunTable::GetInstance().reset();
-        mBackend = std::make_unique<RamBackend>(2, 8 << 20);
-        mBackend->publish();
         IscsiTargetConfig cfg;
         cfg.portal = "127.0.0.1:0";
-        mTarget = std::make_unique<IscsiTarget>(*mBackend, cfg);
+        if (GetParam()) {
+            RamBackend::publishLuns(2, 8 << 20);
+            ASSERT_TRUE(mRegions.open(MultiIssueDriver::kJournalBytes, RamRingResponder::readBufferBytes(2, 8 << 20),
+                                      MultiIssueDriver::kRequestIds)
+                            .ok());
+            std::memset(mRegions.readBuffer, 0, RamRingResponder::readBufferBytes(2, 8 << 20));
+            mResponder = std::make_unique<RamRingResponder>(mRegions, 2, 8 << 20);
+            mQueue = std::make_unique<CommandQueueDriver>(mRegions);
+            mDriver = std::make_unique<MultiIssueDriver>(mRegions, *mQueue);
+            mResponder->start();
+            mQueue->start();
+            mDriver->start();
+            mTarget = std::make_unique<IscsiTarget>(*mDriver, cfg);
+        } else {
+            mBackend = std::make_unique<RamBackend>(2, 8 << 20);
+            mBackend->publish();
+            mTarget = std::make_unique<IscsiTarget>(*mBackend, cfg);
+        }
         ASSERT_TRUE(mTarget->start().ok());
         mPort = mTarget->port();
     }
     void TearDown() override {
         if (mTarget) mTarget->stop();
+        if (mResponder) {
+            mDriver->stop();
+            mQueue->stop();
+            mResponder->stop();
+            EXPECT_EQ(mResponder->sglsInUse(), 0u);  // every read's buffers were released
+        }
         // Every command given to the backend was given back.
         if (mBackend) {
             EXPECT_EQ(mBackend->held(), 0);
@@ -128,11 +155,15 @@ protected:
     }
 
     std::unique_ptr<RamBackend> mBackend;
+    DriverRegions mRegions;
+    std::unique_ptr<RamRingResponder> mResponder;
+    std::unique_ptr<CommandQueueDriver> mQueue;
+    std::unique_ptr<MultiIssueDriver> mDriver;
     std::unique_ptr<IscsiTarget> mTarget;
     uint16_t mPort = 0;
 };
 
-TEST_F(IscsiTargetTest, ImmediateDataWriteReadsBackIdentical) {
+TEST_P(IscsiTargetTest, ImmediateDataWriteReadsBackIdentical) {
     TestInitiator ini;
     loginNormal(ini, {{"ImmediateData", "Yes"}, {"InitialR2T", "No"}, {"FirstBurstLength", "65536"}});
     auto data = pattern(4096, 3);
@@ -146,7 +177,7 @@ TEST_F(IscsiTargetTest, ImmediateDataWriteReadsBackIdentical) {
     EXPECT_EQ(other.data, std::vector<uint8_t>(4096, 0));
 }
 
-TEST_F(IscsiTargetTest, SolicitedBurstsLandInOrderWhileOtherCommandsRun) {
+TEST_P(IscsiTargetTest, SolicitedBurstsLandInOrderWhileOtherCommandsRun) {
     TestInitiator ini;
     loginNormal(ini, {{"ImmediateData", "No"}, {"InitialR2T", "Yes"}, {"MaxBurstLength", "1024"}});
     auto data = pattern(4096, 9);
@@ -177,7 +208,7 @@ TEST_F(IscsiTargetTest, SolicitedBurstsLandInOrderWhileOtherCommandsRun) {
     EXPECT_EQ(r.data, data);
 }
 
-TEST_F(IscsiTargetTest, MalformedPduEndsOnlyItsOwnSession) {
+TEST_P(IscsiTargetTest, MalformedPduEndsOnlyItsOwnSession) {
     TestInitiator bad, good;
     loginNormal(bad);
     loginNormal(good);
@@ -194,7 +225,7 @@ TEST_F(IscsiTargetTest, MalformedPduEndsOnlyItsOwnSession) {
     waitForConnections(1);
 }
 
-TEST_F(IscsiTargetTest, OversizedSegmentIsRejected) {
+TEST_P(IscsiTargetTest, OversizedSegmentIsRejected) {
     TestInitiator bad;
     loginNormal(bad);
     Bhs cmd = bad.scsiCommand(1, 0, cdb10(scsi::kWrite10, 0, 8), false, true, 4096);
@@ -206,7 +237,7 @@ TEST_F(IscsiTargetTest, OversizedSegmentIsRejected) {
     EXPECT_TRUE(bad.closedByPeer());
 }
 
-TEST_F(IscsiTargetTest, DroppedConnectionWithCommandsInFlightLeavesOthersServed) {
+TEST_P(IscsiTargetTest, DroppedConnectionWithCommandsInFlightLeavesOthersServed) {
     TestInitiator lost, good;
     loginNormal(lost, {{"ImmediateData", "Yes"}, {"InitialR2T", "Yes"}});
     loginNormal(good);
@@ -226,14 +257,14 @@ TEST_F(IscsiTargetTest, DroppedConnectionWithCommandsInFlightLeavesOthersServed)
     waitForConnections(1);
 }
 
-TEST_F(IscsiTargetTest, LoginToUnknownTargetFails) {
+TEST_P(IscsiTargetTest, LoginToUnknownTargetFails) {
     TestInitiator ini;
     ASSERT_TRUE(ini.connect(mPort));
     EXPECT_EQ(ini.login("iqn.2026-11.local.esa:nothing"), 0x0203);
     EXPECT_TRUE(ini.closedByPeer());
 }
 
-TEST_F(IscsiTargetTest, LoginWithoutInitiatorNameFails) {
+TEST_P(IscsiTargetTest, LoginWithoutInitiatorNameFails) {
     TestInitiator ini;
     ASSERT_TRUE(ini.connect(mPort));
     Bhs b;
@@ -248,14 +279,14 @@ TEST_F(IscsiTargetTest, LoginWithoutInitiatorNameFails) {
     EXPECT_EQ(rsp.bhs.b[37], 0x07);  // missing parameter
 }
 
-TEST_F(IscsiTargetTest, CommandBeforeLoginEndsConnection) {
+TEST_P(IscsiTargetTest, CommandBeforeLoginEndsConnection) {
     TestInitiator ini;
     ASSERT_TRUE(ini.connect(mPort));
     ASSERT_TRUE(ini.send(ini.scsiCommand(1, 0, cdb10(scsi::kRead10, 0, 1), true, false, 512)));
     EXPECT_TRUE(ini.closedByPeer());
 }
 
-TEST_F(IscsiTargetTest, DiscoveryListsTheTargetAndPortal) {
+TEST_P(IscsiTargetTest, DiscoveryListsTheTargetAndPortal) {
     TestInitiator ini;
     ASSERT_TRUE(ini.connect(mPort));
     ASSERT_EQ(ini.login("", {}, true), 0);
@@ -275,7 +306,7 @@ TEST_F(IscsiTargetTest, DiscoveryListsTheTargetAndPortal) {
     EXPECT_EQ(rej.bhs.opcode(), kReject);
 }
 
-TEST_F(IscsiTargetTest, AbortedWriteNeverAnswersAndIgnoresLateData) {
+TEST_P(IscsiTargetTest, AbortedWriteNeverAnswersAndIgnoresLateData) {
     TestInitiator ini;
     loginNormal(ini, {{"ImmediateData", "No"}, {"InitialR2T", "Yes"}});
     uint32_t sn = ini.cmdSn();
@@ -299,7 +330,7 @@ TEST_F(IscsiTargetTest, AbortedWriteNeverAnswersAndIgnoresLateData) {
     EXPECT_EQ(tmf.bhs.b[2], 1);  // task does not exist
 }
 
-TEST_F(IscsiTargetTest, LunResetOfMissingLunSaysSo) {
+TEST_P(IscsiTargetTest, LunResetOfMissingLunSaysSo) {
     TestInitiator ini;
     loginNormal(ini);
     ASSERT_TRUE(ini.send(ini.taskManagement(1, 5, 17, kReservedTag, 0)));
@@ -311,7 +342,27 @@ TEST_F(IscsiTargetTest, LunResetOfMissingLunSaysSo) {
     EXPECT_EQ(tmf.bhs.b[2], 0);
 }
 
-TEST_F(IscsiTargetTest, DataOutOfSequenceFailsTheCommandNotTheSession) {
+TEST_P(IscsiTargetTest, LunResetFromAnotherSessionAbortsItsWrites) {
+    TestInitiator writer, resetter;
+    loginNormal(writer, {{"ImmediateData", "No"}, {"InitialR2T", "Yes"}});
+    loginNormal(resetter);
+    ASSERT_TRUE(writer.send(writer.scsiCommand(1, 0, cdb10(scsi::kWrite10, 700, 8), false, true, 4096)));
+    Pdu r2t;
+    ASSERT_TRUE(writer.receive(r2t));
+    ASSERT_EQ(r2t.bhs.opcode(), kReadyToTransfer);
+    ASSERT_TRUE(resetter.send(resetter.taskManagement(1, 5, 0, kReservedTag, 0)));
+    Pdu tmf;
+    ASSERT_TRUE(resetter.receive(tmf));
+    EXPECT_EQ(tmf.bhs.b[2], 0);
+    // The write's data still arrive, but the write is gone: no response, nothing written.
+    ASSERT_TRUE(writer.send(writer.dataOut(1, r2t.bhs.word20(), 0, 0, true), pattern(4096, 5)));
+    EXPECT_TRUE(ping(writer, 2));
+    auto r = run(writer, writer.scsiCommand(3, 0, cdb10(scsi::kRead10, 700, 8), true, false, 4096));
+    if (!mTarget) return;  // an outside target's LUN may hold older data
+    EXPECT_EQ(r.data, std::vector<uint8_t>(4096, 0));
+}
+
+TEST_P(IscsiTargetTest, DataOutOfSequenceFailsTheCommandNotTheSession) {
     TestInitiator ini;
     loginNormal(ini, {{"ImmediateData", "No"}, {"InitialR2T", "Yes"}});
     ASSERT_TRUE(ini.send(ini.scsiCommand(1, 0, cdb10(scsi::kWrite10, 10, 2), false, true, 1024)));
@@ -327,7 +378,7 @@ TEST_F(IscsiTargetTest, DataOutOfSequenceFailsTheCommandNotTheSession) {
     EXPECT_TRUE(ping(ini, 2));
 }
 
-TEST_F(IscsiTargetTest, CommandOutsideTheWindowIsIgnored) {
+TEST_P(IscsiTargetTest, CommandOutsideTheWindowIsIgnored) {
     TestInitiator ini;
     loginNormal(ini);
     uint32_t sn = ini.cmdSn();
@@ -339,7 +390,7 @@ TEST_F(IscsiTargetTest, CommandOutsideTheWindowIsIgnored) {
     EXPECT_EQ(r.status, scsi::kStatusGood);
 }
 
-TEST_F(IscsiTargetTest, ShortAndLongTransferLengthsGiveResiduals) {
+TEST_P(IscsiTargetTest, ShortAndLongTransferLengthsGiveResiduals) {
     TestInitiator ini;
     loginNormal(ini);
     auto shortRead = run(ini, ini.scsiCommand(1, 0, cdb10(scsi::kRead10, 0, 1), true, false, 200));
@@ -353,7 +404,7 @@ TEST_F(IscsiTargetTest, ShortAndLongTransferLengthsGiveResiduals) {
     EXPECT_EQ(longRead.residual, 10000u - 512u);
 }
 
-TEST_F(IscsiTargetTest, WriteWithShortTransferLengthWritesOnlyWhatWasSent) {
+TEST_P(IscsiTargetTest, WriteWithShortTransferLengthWritesOnlyWhatWasSent) {
     TestInitiator ini;
     loginNormal(ini, {{"ImmediateData", "Yes"}, {"InitialR2T", "No"}});
     auto a = pattern(1024, 5);
@@ -369,7 +420,7 @@ TEST_F(IscsiTargetTest, WriteWithShortTransferLengthWritesOnlyWhatWasSent) {
     EXPECT_EQ(r.data, expect);
 }
 
-TEST_F(IscsiTargetTest, LogoutAnswersAndCloses) {
+TEST_P(IscsiTargetTest, LogoutAnswersAndCloses) {
     TestInitiator ini;
     loginNormal(ini);
     ASSERT_TRUE(ini.send(ini.logout(9)));
@@ -381,7 +432,7 @@ TEST_F(IscsiTargetTest, LogoutAnswersAndCloses) {
     waitForConnections(0);
 }
 
-TEST_F(IscsiTargetTest, ReinstatedSessionReplacesTheOldOne) {
+TEST_P(IscsiTargetTest, ReinstatedSessionReplacesTheOldOne) {
     if (!mTarget) GTEST_SKIP() << "needs the in-process target";
     TestInitiator first, second;
     first.setIsid(7);
@@ -394,16 +445,49 @@ TEST_F(IscsiTargetTest, ReinstatedSessionReplacesTheOldOne) {
     EXPECT_EQ(mTarget->sessionCount(), 1u);
 }
 
-TEST_F(IscsiTargetTest, LinkEventsFollowTheFirstAndLastSession) {
+TEST_P(IscsiTargetTest, LinkEventsFollowTheFirstAndLastSession) {
     if (!mTarget) GTEST_SKIP() << "needs the in-process target";
+    auto events = [&] { return mResponder ? mResponder->linkUps() + mResponder->linkDowns() : mBackend->linkEvents(); };
     {
         TestInitiator a, b;
         loginNormal(a);
         loginNormal(b);
-        EXPECT_EQ(mBackend->linkEvents(), 1);
+        ping(b, 1);  // the queue is in order: an event sent before this answer has arrived
+        for (int i = 0; i < 5000 && events() < 1; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        EXPECT_EQ(events(), 1);
     }
     waitForConnections(0);
-    EXPECT_EQ(mBackend->linkEvents(), 2);
+    for (int i = 0; i < 5000 && events() < 2; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_EQ(events(), 2);
+    if (mResponder) {
+        EXPECT_EQ(mResponder->linkUps(), 1);
+        EXPECT_EQ(mResponder->lastLinkTransport(), kIscsiTransportId);
+    }
 }
+
+TEST_P(IscsiTargetTest, CacheSynchronisationAndManagementReachTheSystem) {
+    TestInitiator ini;
+    loginNormal(ini);
+    auto sync = run(ini, ini.scsiCommand(1, 0, cdb10(scsi::kSyncCache10, 0, 0), false, false, 0));
+    EXPECT_EQ(sync.status, scsi::kStatusGood);
+    // The memory-backed system has no management pages: refused with its sense.
+    std::vector<uint8_t> vendor(16, 0);
+    vendor[0] = scsi::kVendorManagement;
+    auto mgmt = run(ini, ini.scsiCommand(2, 0, vendor, true, false, 512));
+    EXPECT_EQ(mgmt.status, scsi::kStatusCheckCondition);
+    ASSERT_GE(mgmt.sense.size(), 14u);
+    EXPECT_EQ(mgmt.sense[12], 0x20);  // invalid operation code
+    std::vector<uint8_t> select(10, 0);
+    select[0] = scsi::kModeSelect10;
+    putBe16(&select[7], 24);
+    auto sel = run(ini, ini.scsiCommand(3, 0, select, false, true, 24), std::vector<uint8_t>(24, 0));
+    EXPECT_EQ(sel.status, scsi::kStatusCheckCondition);
+    ASSERT_GE(sel.sense.size(), 14u);
+    EXPECT_EQ(sel.sense[12], 0x24);  // invalid field in CDB
+    EXPECT_TRUE(ping(ini, 4));
+}
+
+INSTANTIATE_TEST_SUITE_P(Backends, IscsiTargetTest, ::testing::Values(false, true),
+                         [](const auto& info) { return info.param ? "Rings" : "Direct"; });
 
 }  // namespace

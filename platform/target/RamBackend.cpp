@@ -21,10 +21,12 @@ RamBackend::~RamBackend() {
     for (uint8_t* p : mLuns) ::munmap(p, mBytes);
 }
 
-void RamBackend::publish() {
+void RamBackend::publish() { publishLuns(uint32_t(mLuns.size()), mBytes); }
+
+void RamBackend::publishLuns(uint32_t luns, uint64_t bytesPerLun) {
     TargetLunTable& t = TargetLunTable::GetInstance();
-    t.setLunCount(uint32_t(mLuns.size()));
-    for (uint32_t i = 0; i < mLuns.size(); ++i) t.setLastLba(i, mBytes / scsi::kBlockSize - 1);
+    t.setLunCount(luns);
+    for (uint32_t i = 0; i < luns; ++i) t.setLastLba(i, bytesPerLun / scsi::kBlockSize - 1);
     t.setMediaAccess(true);
     t.setTransportEnabled(true);
 }

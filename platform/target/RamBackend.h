@@ -19,6 +19,8 @@ public:
 
     // Sets the LUN count and last LBAs, enables the transport and the media.
     void publish();
+    // The same for LUNs served elsewhere (the ring responder).
+    static void publishLuns(uint32_t luns, uint64_t bytesPerLun);
 
     uint8_t* writeBuffer(TargetCommand& cmd) override;
     void submit(TargetCommand& cmd) override;

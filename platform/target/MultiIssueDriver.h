@@ -1,0 +1,74 @@
+#pragma once
+// MultiIssueDriver: the target driver's side of the multi-issue data path.
+// Reads and writes leave as TD_COMMAND_BLOCKs on the command ring of
+// "/usbCmdResp" (write data already in "/SHJ1", at the offset the block
+// names), the system's tdCmdResps come back on the response ring, and read
+// data are sent straight from the memory their InterCoreSGL describes. When
+// the target has sent a read's data it posts TD_CMD_RES_RELEASE with the
+// request handle, so the system may reuse the buffers.
+//
+// Owns: the table from request id to command, the journal slot of each id
+// (write data are received into the slot of their command's id; each slot is
+// as large as the largest command), and the response thread. Commands that do not
+// travel on this ring (cache synchronisation and management, which belong on
+// the command queue) go to the fallback backend.
+//
+// Invariant: a request id (and so its journal slot) is in use from
+// writeBuffer or submit until release, and never given to two commands at once.
+// A journal slot is free again when its command ends: right for a system that
+// has taken the data out of "/SHJ1" by then (the ring responder). The
+// system's write journal keeps host data in "/SHJ1" until it is on disk, so
+// with it the slot must stay taken until the journal gives the buffer back
+// through the write-buffer board call; that give-back is not wired yet.
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "platform/rtos/Rtos.h"
+#include "platform/target/DriverRegions.h"
+#include "platform/target/TargetBackend.h"
+
+class MultiIssueDriver : public TargetBackend {
+public:
+    static constexpr size_t kJournalSlotBytes = 0x400 * 512;  // the largest data command
+    static constexpr uint32_t kRequestIds = 2 * td::kRingSlots;
+    static constexpr size_t kJournalBytes = kRequestIds * kJournalSlotBytes;
+
+    MultiIssueDriver(const DriverRegions& regions, TargetBackend& fallback);
+    ~MultiIssueDriver() override;
+    MultiIssueDriver(const MultiIssueDriver&) = delete;
+    MultiIssueDriver& operator=(const MultiIssueDriver&) = delete;
+
+    void start();
+    void stop();
+
+    uint8_t* writeBuffer(TargetCommand& cmd) override;
+    void submit(TargetCommand& cmd) override;
+    void release(TargetCommand& cmd) override;
+    void linkEvent(bool connected) override { mFallback.linkEvent(connected); }
+
+private:
+    struct Request {
+        TargetCommand* cmd = nullptr;
+        uint32_t requestHandle = 0;  // from the response, for the release
+        bool inUse = false;
+    };
+    uint32_t allocateRequest(TargetCommand& cmd);  // waits while every id is in use
+    void post(const td::CommandBlock& block);
+    void responseLoop();
+    void complete(const td::CmdResp& rsp);
+
+    DriverRegions mRegions;
+    TargetBackend& mFallback;
+    SEM_ID mCommandSem;
+    SEM_ID mResponseSem;
+    std::mutex mLock;  // request table, journal slots, ring posting
+    std::condition_variable mFreed;
+    std::vector<Request> mRequests;
+    std::vector<uint32_t> mFreeRequests;
+    std::thread mRx;
+    std::atomic<bool> mStopping{false};
+};
