@@ -9,7 +9,7 @@ PACKAGES=(
   nlohmann-json3-dev
   libiscsi-dev libiscsi-bin libisal-dev
   qemu-utils tgt
-  e2fsprogs dosfstools
+  e2fsprogs dosfstools python3
 )
 
 missing=()

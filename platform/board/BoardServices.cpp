@@ -14,6 +14,7 @@
 
 #include "platform/board/Board.h"
 #include "platform/drive/SimDriveController.h"
+#include "platform/target/TargetLunTable.h"
 #include "platform/rtos/BoardClock.h"
 
 namespace {
@@ -164,6 +165,11 @@ int boardSyscall(unsigned number, intptr_t a0, intptr_t a1, intptr_t a2, intptr_
         return cfg.value("labUnit", false) ? 1 : 0;
     case BoardSyscall::Pmu:
         return pmu(a0, a1);
+    case BoardSyscall::SetMaxLunCount:
+    case BoardSyscall::RtpEnableState:
+    case BoardSyscall::SetLunLastLba:
+        // The LUN state the target driver answers hosts from.
+        return TargetLunTable::GetInstance().applyBoardCall(number, a0, a1, a2);
     case BoardSyscall::SlotPower:
         return driveSlotPowerSyscall(reinterpret_cast<SlotPowerRecord*>(a0));
     default:
