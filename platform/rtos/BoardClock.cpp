@@ -9,7 +9,7 @@ BoardClock& BoardClock::GetInstance() {
 }
 
 BoardClock::BoardClock() {
-    mRealBase = std::chrono::steady_clock::now();
+    mSetting = new Setting{Mode::Real, 1.0, std::chrono::steady_clock::now(), 0};
     timespec ts;
     ::clock_gettime(CLOCK_REALTIME, &ts);
     mWallAtStartNs = int64_t(ts.tv_sec) * 1000000000ll + ts.tv_nsec;
@@ -28,29 +28,23 @@ void BoardClock::configureFromText(const std::string& text) {
 }
 
 void BoardClock::configure(Mode mode, double factor) {
+    std::lock_guard<std::mutex> g(mConfigureLock);
     uint64_t now = nanoseconds();
-    std::lock_guard<std::mutex> g(mLock);
-    mMode = mode;
-    mFactor = mode == Mode::Accelerated ? factor : 1.0;
-    mRealBase = std::chrono::steady_clock::now();
-    mBoardBase = now;
     mVirtualNs = now;
+    mSetting.store(new Setting{mode, mode == Mode::Accelerated ? factor : 1.0, std::chrono::steady_clock::now(), now},
+                   std::memory_order_release);
 }
 
 uint64_t BoardClock::nanoseconds() const {
-    std::lock_guard<std::mutex> g(mLock);
-    if (mMode == Mode::Virtual) return mVirtualNs;
-    auto real = std::chrono::steady_clock::now() - mRealBase;
-    double ns = double(std::chrono::duration_cast<std::chrono::nanoseconds>(real).count()) * mFactor;
-    return mBoardBase + uint64_t(ns);
+    const Setting* s = mSetting.load(std::memory_order_acquire);
+    if (s->mode == Mode::Virtual) return mVirtualNs.load(std::memory_order_acquire);
+    auto real = std::chrono::steady_clock::now() - s->realBase;
+    double ns = double(std::chrono::duration_cast<std::chrono::nanoseconds>(real).count()) * s->factor;
+    return s->boardBase + uint64_t(ns);
 }
 
 timespec BoardClock::realtime() const {
-    int64_t ns = mWallAtStartNs + int64_t(nanoseconds());
-    {
-        std::lock_guard<std::mutex> g(mLock);
-        ns += mRealtimeOffsetNs;
-    }
+    int64_t ns = mWallAtStartNs + int64_t(nanoseconds()) + mRealtimeOffsetNs.load();
     timespec ts;
     ts.tv_sec = ns / 1000000000ll;
     ts.tv_nsec = ns % 1000000000ll;
@@ -60,15 +54,13 @@ timespec BoardClock::realtime() const {
 void BoardClock::setRealtime(const timespec& ts) {
     int64_t wanted = int64_t(ts.tv_sec) * 1000000000ll + ts.tv_nsec;
     int64_t base = mWallAtStartNs + int64_t(nanoseconds());
-    std::lock_guard<std::mutex> g(mLock);
     mRealtimeOffsetNs = wanted - base;
 }
 
 void BoardClock::advance(uint64_t ticks) { advanceNanoseconds(ticksToNs(ticks)); }
 
 void BoardClock::advanceNanoseconds(uint64_t ns) {
-    std::lock_guard<std::mutex> g(mLock);
-    if (mMode == Mode::Virtual) mVirtualNs += ns;
+    if (mode() == Mode::Virtual) mVirtualNs.fetch_add(ns);
 }
 
 std::chrono::nanoseconds BoardClock::realSliceFor(uint64_t boardNs) const {
@@ -76,9 +68,10 @@ std::chrono::nanoseconds BoardClock::realSliceFor(uint64_t boardNs) const {
     // condition variable, so virtual waits poll in short real slices. Other
     // waits sleep at most 200 ms at a time (a WAIT_FOREVER deadline is far
     // beyond what a duration can hold).
-    if (mMode == Mode::Virtual) return std::chrono::microseconds(500);
+    const Setting* setting = mSetting.load(std::memory_order_acquire);
+    if (setting->mode == Mode::Virtual) return std::chrono::microseconds(500);
     constexpr double kLongest = 200e6;
-    double real = double(boardNs) / mFactor;
+    double real = double(boardNs) / setting->factor;
     if (!(real < kLongest)) return std::chrono::nanoseconds(uint64_t(kLongest));
     return std::chrono::nanoseconds(uint64_t(real) + 1);
 }

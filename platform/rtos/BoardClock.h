@@ -7,6 +7,7 @@
 // Invariants: board time never runs backwards; every timed wait in the platform
 // layer is measured in board time, so a virtual clock turns a 5 s debounce into
 // a test step that takes no real time.
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -24,8 +25,8 @@ public:
     // Reconfigures the clock; board time continues from where it stands.
     void configure(Mode mode, double factor = 1.0);
     void configureFromText(const std::string& text);  // "real", "virtual", "accel:N"
-    Mode mode() const { return mMode; }
-    double factor() const { return mFactor; }
+    Mode mode() const { return mSetting.load(std::memory_order_acquire)->mode; }
+    double factor() const { return mSetting.load(std::memory_order_acquire)->factor; }
 
     uint64_t nanoseconds() const;  // board time since the board started
     uint64_t ticks() const { return nanoseconds() / (1000000000ull / kTicksPerSecond); }
@@ -62,12 +63,18 @@ private:
     BoardClock();
     std::chrono::nanoseconds realSliceFor(uint64_t boardNs) const;
 
-    Mode mMode = Mode::Real;
-    double mFactor = 1.0;
-    std::chrono::steady_clock::time_point mRealBase;  // real time at which mBoardBase was board time
-    uint64_t mBoardBase = 0;
-    mutable std::mutex mLock;
-    uint64_t mVirtualNs = 0;
-    int64_t mRealtimeOffsetNs = 0;
+    // Every reading of the clock is lock-free: a setting is immutable once
+    // published, and a reconfiguration publishes a new one (old ones are kept,
+    // so a reader never sees freed memory; there are only a handful in a run).
+    struct Setting {
+        Mode mode;
+        double factor;
+        std::chrono::steady_clock::time_point realBase;  // real time at which boardBase was board time
+        uint64_t boardBase;
+    };
+    std::atomic<const Setting*> mSetting{nullptr};
+    std::mutex mConfigureLock;
+    std::atomic<uint64_t> mVirtualNs{0};
+    std::atomic<int64_t> mRealtimeOffsetNs{0};
     int64_t mWallAtStartNs = 0;
 };

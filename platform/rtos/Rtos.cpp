@@ -250,24 +250,26 @@ STATUS semTake(SEM_ID s, int timeoutTicks) {
 
 STATUS semGive(SEM_ID s) {
     if (!s) return ERROR;
-    std::lock_guard<std::mutex> l(s->lock);
-    switch (s->kind) {
-    case RtosSemaphore::Mutex:
-        if (s->depth == 0 || s->ownerThread != std::this_thread::get_id()) return ERROR;
-        if (--s->depth == 0) {
+    {
+        // The waiter is woken with the lock held: once it has the semaphore it
+        // may delete it, so nothing here may touch it after the lock goes.
+        std::lock_guard<std::mutex> l(s->lock);
+        switch (s->kind) {
+        case RtosSemaphore::Mutex:
+            if (s->depth == 0 || s->ownerThread != std::this_thread::get_id()) return ERROR;
+            if (--s->depth != 0) return OK;
             s->owner = nullptr;
             s->ownerThread = std::thread::id();
-            s->cv.notify_one();
+            break;
+        case RtosSemaphore::Binary:
+            s->count = 1;
+            break;
+        case RtosSemaphore::Counting:
+            s->count++;
+            break;
         }
-        return OK;
-    case RtosSemaphore::Binary:
-        s->count = 1;
-        break;
-    case RtosSemaphore::Counting:
-        s->count++;
-        break;
+        s->cv.notify_one();
     }
-    s->cv.notify_one();
     return OK;
 }
 
