@@ -52,7 +52,13 @@ StatusCode MemoryPool::LRU::FreeLeastRecentlyUsed(uint32_t wanted, bool evictDir
     }
     if (!head) return StatusCode::Success;
     // The owner's lock first, with the LRU lock released.
-    head->lruLockOwner();
+    LruOwner* owner = head->lruOwner();
+    if (owner) owner->lruLock();
+    else head->lruLockOwner();
+    auto unlockOwner = [&] {
+        if (owner) owner->lruUnlock();
+        else head->lruUnlockOwner();
+    };
     uint32_t freed = 0;
     while (freed < wanted) {
         mLock.Lock();
@@ -62,7 +68,7 @@ StatusCode MemoryPool::LRU::FreeLeastRecentlyUsed(uint32_t wanted, bool evictDir
             node = mList.front();
             if (!node || node == first) {
                 mLock.LockRelease();
-                head->lruUnlockOwner();
+                unlockOwner();
                 return StatusCode::MP_NoFreeEntriesOnLRU;
             }
             mList.remove(node);
@@ -79,7 +85,7 @@ StatusCode MemoryPool::LRU::FreeLeastRecentlyUsed(uint32_t wanted, bool evictDir
         mLock.LockRelease();
         node->lruEvict();
     }
-    head->lruUnlockOwner();
+    unlockOwner();
     return StatusCode::Success;
 }
 
@@ -95,6 +101,9 @@ MemoryPool::MemoryPool(const char* name, unsigned char* base, uint32_t numBlocks
     : mLRU(name), mLock((std::string(name) + "Lock").c_str(), 44), mName(name) {
     MemoryPoolInit(name, base, numBlocks, blockSize);
 }
+
+MemoryPool::MemoryPool(const char* name)
+    : mLRU(name), mLock((std::string(name) + "Lock").c_str(), 44), mName(name) {}
 
 void MemoryPool::MemoryPoolInit(const char* name, unsigned char* bufferLoc, uint32_t numBlocks, uint32_t blockSize) {
     ESA_ASSERT_PTR(bufferLoc, !=, nullptr);
@@ -133,8 +142,14 @@ void MemoryPool::GetBlocks(DataStore& store, uint32_t numBlocks) {
         uint32_t needed = blocksReqd - mFreeCount;
         mLock.LockRelease();
         if (mLRU.FreeLeastRecentlyUsed(needed, false) != StatusCode::Success) {
-            taskDelay(1);
-            ++attempts;
+            if (SpillRequest hook = sSpillRequest.load()) {
+                ++mSpillRequests;
+                hook(*this, needed);
+            }
+            if (mLRU.FreeLeastRecentlyUsed(needed, false) != StatusCode::Success) {
+                taskDelay(1);
+                ++attempts;
+            }
         }
         mLock.Lock();
         if (mFreeCount >= blocksReqd) break;
