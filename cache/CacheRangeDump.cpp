@@ -146,7 +146,11 @@ bool CacheRangeTracker::internalConsistencyCheck(std::ostream& out) {
         cto->mWindow.Read(cb);
         // A fresh read through a CRO of our own, outside the sets.
         CacheRangeObject probe(*this, c.set, c.start, c.length, tracker.getID());
+        // Held while it stands on the LRU, so that no eviction pass takes it.
+        probe.mLock.LockExclusive();
         StatusCode st = ReadRangeNotPresent(c.set, &probe, tracker, false);
+        if (probe.mLRUNode.active) mMemoryPool->lru().RemoveFromLRU(probe.mLRUNode);
+        probe.mLock.LockRelease();
         if (st == StatusCode::Success && probe.pStore) {
             std::vector<unsigned char> disk(cached.size());
             DataWindow w;

@@ -203,6 +203,12 @@ uint64_t CacheRangeTracker::roundedLimit(uint64_t start, uint64_t end, uint32_t 
     return std::max(limit, end);
 }
 
+void CacheRangeTracker::giveBackExtension(CacheRangeObject* cro, IOTracker& tracker) {
+    // Only this call chain's extension is given back: one the transaction
+    // holds for a range it dirtied (through another CTO) lasts until commit.
+    if (cro->mLock.extendCount() == 1 && cro->mDirtyCount == 0) cro->mLock.UnextendLock(tracker);
+}
+
 StatusCode CacheRangeTracker::LockRangeHelper(uint32_t set, uint64_t start, uint32_t length,
                                               CacheTrackerObject*& cto, IOTracker& tracker, CacheRangeObject*& busy,
                                               uint32_t roundTo) {
@@ -238,7 +244,7 @@ StatusCode CacheRangeTracker::LockRangeHelper(uint32_t set, uint64_t start, uint
                     held->mLock.UnextendLock(tracker);
                     destroyCro(held, true);
                 } else {
-                    if (held->mLock.extendCount() == 1) held->mLock.UnextendLock(tracker);
+                    giveBackExtension(held, tracker);
                     held->mLock.LockReleaseExtending();
                 }
             }
@@ -415,7 +421,7 @@ void CacheRangeTracker::UnlockRange(CacheTrackerObject* cto) {
             if (!held) mLock.LockRelease();
             continue;
         }
-        if (cro->mLock.extendCount() == 1) cro->mLock.UnextendLock(cto->mTracker);
+        giveBackExtension(cro, cto->mTracker);
         cro->mLock.LockReleaseExtending();
     }
     cto->mCROs.swap(keep);

@@ -208,6 +208,8 @@ protected:
     // True when a range lock is held by any transaction other than `transId`
     // or without one: the locker must back off.
     static bool busyFor(CacheRangeObject* cro, uint64_t transId);
+    // Ends this caller's extension of a range lock it is about to release.
+    static void giveBackExtension(CacheRangeObject* cro, IOTracker& tracker);
     StatusCode LockRangeHelper(uint32_t set, uint64_t start, uint32_t length, CacheTrackerObject*& cto,
                                IOTracker& tracker, CacheRangeObject*& busy, uint32_t roundTo);
     // Called with mLock held; returns with it held again, having waited for

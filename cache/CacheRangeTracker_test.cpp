@@ -297,9 +297,22 @@ TEST_F(CacheRangeTrackerTest, SameTransactionRelocksItsOwnDirtyRangeAtOnce) {
     ASSERT_EQ(tracker.LockAndLookupRange(0, 1, 2, again, t), StatusCode::Success);
     EXPECT_EQ(tracker.stats().backoffs, backoffs);
     tracker.UnlockRange(again);
+    // The clean second visit did not end the transaction's hold on its dirty range.
+    std::atomic<bool> otherDone{false};
+    std::thread other([&] {
+        IOTracker o(READ_ONLY);
+        CacheTrackerObject* c = nullptr;
+        ASSERT_EQ(tracker.LockRange(0, 0, 1, c, o), StatusCode::Success);
+        tracker.UnlockRange(c);
+        otherDone = true;
+    });
+    ASSERT_TRUE(eventually([&] { return tracker.stats().backoffs > backoffs; }));
+    EXPECT_FALSE(otherDone.load());
     cto->PreventEviction();
     cto->MarkRangeClean();
     t.commit();
+    other.join();
+    EXPECT_TRUE(otherDone.load());
     cto->AllowEviction();
 }
 
