@@ -14,7 +14,8 @@ StatusCode MetaDataCacheTracker::ReadRangeNotPresent(uint32_t set, CacheRangeObj
     DataWindow window(*store, 0, cro->mLength * GetElementSize());
     StatusCode st = readBelow(set, cro->mStart, window, tracker);
     window.clear();
-    if (st != StatusCode::Success && !keepStoreOnReadFailure()) {
+    if (st != StatusCode::Success) {
+        // Bytes that failed to arrive are never cached: the next access reads again.
         store->DecRef();
         return st;
     }

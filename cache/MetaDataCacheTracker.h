@@ -20,8 +20,6 @@ protected:
     // I/O of `window` at element `start` of `set` in the layer below.
     virtual StatusCode readBelow(uint32_t set, uint64_t start, DataWindow& window, IOTracker& tracker) = 0;
     virtual StatusCode writeBelow(uint32_t set, uint64_t start, DataWindow& window, IOTracker& tracker) = 0;
-    // A failed read keeps its store (and the CRO joins the LRU) when true.
-    virtual bool keepStoreOnReadFailure() { return false; }
 
     // Copies between a flat buffer and the range through the cache: the
     // read-through and write-through wrappers.

@@ -2,8 +2,7 @@
 // RegionMetaDataTracker ("rmdt"): the range cache over Region space of the
 // logical disks. A set is a logical disk, an element 512 bytes at byte address
 // element x 512, split into (Region, offset) for RegionManager. A failed read
-// keeps its store: the caller gets the failure, the CRO stays cached. The
-// stripe locks of the Zone layer are range locks of this cache.
+// caches nothing, as in the other metadata caches. The stripe locks of the Zone layer are range locks of this cache.
 #include "cache/MetaDataCacheTracker.h"
 
 class RegionMetaDataTracker : public MetaDataCacheTracker {
@@ -24,5 +23,4 @@ protected:
     RegionMetaDataTracker() : MetaDataCacheTracker("lRMDTLock", kPoolBlocks, kBlockSize) {}
     StatusCode readBelow(uint32_t set, uint64_t start, DataWindow& window, IOTracker& tracker) override;
     StatusCode writeBelow(uint32_t set, uint64_t start, DataWindow& window, IOTracker& tracker) override;
-    bool keepStoreOnReadFailure() override { return true; }
 };
