@@ -54,3 +54,33 @@ TEST(MetaDataTrackers, HostCacheServesLunsFromTheSharedReadBuffer) {
 }
 
 }  // namespace
+
+#include <sstream>
+
+#include "util/ConsoleCommand.h"
+
+namespace {
+
+TEST(CacheConsole, StatePerfAndDumpSectorsReachTheCaches) {
+    std::ostringstream out;
+    ConsoleCommand::ExecuteLine("state dlbat", out);
+    EXPECT_NE(out.str().find("DLBAT CACHE RANGE TRACKER'S STATE"), std::string::npos) << out.str();
+    EXPECT_NE(out.str().find("Pool lDLBATLockMemPool"), std::string::npos);
+    out.str("");
+    ConsoleCommand::ExecuteLine("perf zmdt", out);
+    EXPECT_NE(out.str().find("Cache Lock timings:"), std::string::npos) << out.str();
+    out.str("");
+    EXPECT_NE(ConsoleCommand::ExecuteLine("dumpSectors nosuch 0 0", out), 0);
+    EXPECT_NE(out.str().find("usage: dumpSectors"), std::string::npos);
+    out.str("");
+    EXPECT_EQ(ConsoleCommand::ExecuteLine("dumpSectors hlbat 1 0 1", out), 0);
+    EXPECT_NE(out.str().find("00000000:"), std::string::npos);
+    out.str("");
+    EXPECT_EQ(ConsoleCommand::ExecuteLine("cacheFlush hlbat", out), 0);
+    EXPECT_NE(out.str().find("HLBAT flushed"), std::string::npos);
+    out.str("");
+    ConsoleCommand::ExecuteLine("poolInfo", out);
+    EXPECT_NE(out.str().find("CacheRangeObject ObjectPool Info: "), std::string::npos);
+}
+
+}  // namespace
