@@ -210,6 +210,9 @@ protected:
     static bool busyFor(CacheRangeObject* cro, uint64_t transId);
     // Ends this caller's extension of a range lock it is about to release.
     static void giveBackExtension(CacheRangeObject* cro, IOTracker& tracker);
+    // LockRange without its diagnostic context (the public callers have one).
+    StatusCode lockRangeInternal(uint32_t set, uint64_t start, uint32_t length, CacheTrackerObject*& cto,
+                                 IOTracker& tracker, uint32_t roundTo);
     StatusCode LockRangeHelper(uint32_t set, uint64_t start, uint32_t length, CacheTrackerObject*& cto,
                                IOTracker& tracker, CacheRangeObject*& busy, uint32_t roundTo);
     // Called with mLock held; returns with it held again, having waited for
