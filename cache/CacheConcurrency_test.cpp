@@ -16,12 +16,15 @@ using CRO = CacheRangeTracker::CacheRangeObject;
 
 TEST(CacheConcurrency, RandomOverlappingWorkloadMatchesTheModelAndNeverOverlapsHolders) {
     ClockPump pump;
-    constexpr uint32_t kElements = 1024, kThreads = 8, kOps = 1500, kMaxLen = 16;
+    // The pool is larger than all threads can hold locked at once (a lock of 16
+    // elements can hold up to about 60 one-block ranges), and far smaller than
+    // the address space, so eviction runs all the time.
+    constexpr uint32_t kElements = 2048, kThreads = 8, kOps = 800, kMaxLen = 16;
     size_t crosBefore = ObjectPool<CRO>::allocated();
     size_t ctosBefore = ObjectPool<CacheTrackerObject>::allocated();
     size_t storesBefore = ObjectPool<DataStore>::allocated();
     {
-        TestTracker tracker(400);
+        TestTracker tracker(700);
         std::vector<std::atomic<uint64_t>> model(kElements);
         std::vector<std::atomic<uint32_t>> holder(kElements);
         for (uint32_t e = 0; e < kElements; ++e) model[e] = ModelDisk::initial(0, e);
