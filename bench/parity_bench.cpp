@@ -81,6 +81,9 @@ int main() {
     std::vector<ExtentList> columns;
     for (uint8_t* b : buffers) columns.push_back(asExtents(b, kColumn));
     const ExtentList dest(buffers[0], kColumn), second(buffers[1], kColumn);
+    uint8_t* zeroMemory = alignedBuffer(kColumn, 0);
+    const ExtentList zeros = asExtents(zeroMemory, kColumn);
+    setZeroSourceMemory(zeroMemory, kColumn);
 
     std::printf("# XOR engine kernel: %s; columns of %u KiB in %u-byte extents\n",
                 XorEngine::kernelName(XorEngine::GetInstance().kernel()), kColumn / 1024, kExtent);
@@ -103,8 +106,10 @@ int main() {
         DRStripeCode code;
         DRStripeCode::forWidth(width, code);
         const uint32_t length = kColumn / code.columnBlockSize() * code.columnBlockSize();
+        // Zero columns are views of the zero memory, as the Zone layer gives them.
         std::vector<ExtentList> sources;
-        for (unsigned c = 0; c < code.sources(); ++c) sources.push_back(columns[2 + c].slice(0, length));
+        for (unsigned c = 0; c < code.sources(); ++c)
+            sources.push_back(c < code.zeroColumns ? zeros.slice(0, length) : columns[2 + c].slice(0, length));
         const ExtentList h = dest.slice(0, length), d = second.slice(0, length);
         const Pair t = bestPair(
             [&] { XOR2DWindow(h, d, sources.data(), code.sources(), DRStripeCode::kBlockSize, status); }, copyColumn);
@@ -116,6 +121,8 @@ int main() {
     }
     figure("dual", worstDualRate, worstDualCopy);
     if (!status.ok()) std::printf("# XOR failed: %s\n", status.Dump().c_str());
+    setZeroSourceMemory(nullptr, 0);
     for (uint8_t* b : buffers) std::free(b);
+    std::free(zeroMemory);
     return 0;
 }

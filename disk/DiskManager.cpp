@@ -8,6 +8,7 @@
 #include "disk/DriveAdapter.h"
 #include "disk/ErrorPolicy.h"
 #include "management/SystemPolicy.h"
+#include "system/SystemManager.h"
 #include "util/Assert.h"
 #include "util/Diagnostics.h"
 #include "util/Trace.h"
@@ -19,6 +20,18 @@ DiagnosticHandler gDiskManagerDiags([](std::ostream& out) { DiskManager::GetInst
                                     "DiskManager", 60);
 
 bool validSlot(int slot) { return slot >= 0 && slot < DiskManager::kSlots; }
+
+// A window's contiguous pieces in order, into a per-thread list (no
+// allocation once the list has grown to the largest window of the thread).
+const std::vector<DiskPane>& windowPanes(const DataWindow& window) {
+    thread_local std::vector<DiskPane> panes;
+    panes.clear();
+    unsigned char* data = nullptr;
+    uint32_t length = 0;
+    for (auto it = window.begin(data, length); it != window.end(); it.GetNext(data, length))
+        panes.push_back(DiskPane{data, length});
+    return panes;
+}
 
 // Pane lengths must be whole sectors; returns the total, or 0 for a bad list.
 uint64_t paneBytes(const DiskPane* panes, size_t n) {
@@ -323,7 +336,7 @@ StatusCode DiskManager::WriteData(int slot, const DiskPane* panes, size_t n, uin
         ESA_CONSOLE("DM::WriteData disk=" << slot << " out of range.");
         return StatusCode::InternalError;
     }
-    if (mNoDiskWrites) return StatusCode::Success;
+    if (noDiskWrites()) return StatusCode::Success;
     // Metadata writes of a journalled transaction go into the journal once it
     // exists; until then they are written straight through.
     if (tracker.flags & IOTracker::kFailNextIo) return StatusCode::MediaError;
@@ -335,7 +348,7 @@ StatusCode DiskManager::WriteData(int slot, const DiskPane* panes, size_t n, uin
         ESA_CONSOLE("DM::WriteData disk=" << slot << " out of range.");
         return StatusCode::InternalError;
     }
-    if (mNoDiskWrites) return StatusCode::Success;
+    if (noDiskWrites()) return StatusCode::Success;
     if (StatusCode st = injected(slot, true); st != StatusCode::Success) return st;
     if (oneShotFault(slot, true)) return DiskErrorHandler(slot, DiskCommand::WriteSGL, lba, StatusCode::DM_MediaError);
     if (paneBytes(panes, n) == 0) {
@@ -346,6 +359,34 @@ StatusCode DiskManager::WriteData(int slot, const DiskPane* panes, size_t n, uin
     StatusCode st = writePanes(slot, panes, n, lba);
     mWriteTimes.add(getTimebase() - start);
     return st;
+}
+
+bool DiskManager::noDiskWrites() { return SystemManager::GetInstance()->readOnly(); }
+
+StatusCode DiskManager::ReadData(int slot, const DataWindow& window, uint64_t lba, IOTracker& tracker) {
+    const auto& panes = windowPanes(window);
+    return ReadData(slot, panes.data(), panes.size(), lba, tracker);
+}
+
+StatusCode DiskManager::WriteData(int slot, const DataWindow& window, uint64_t lba, IOTracker& tracker,
+                                  uint32_t flags) {
+    const auto& panes = windowPanes(window);
+    return WriteData(slot, panes.data(), panes.size(), lba, tracker, flags);
+}
+
+StatusCode DiskManager::WriteData(int slot, const DataWindow& window, uint64_t lba, uint32_t flags) {
+    const auto& panes = windowPanes(window);
+    return WriteData(slot, panes.data(), panes.size(), lba, flags);
+}
+
+StatusCode DiskManager::ReadDataNoWait(int slot, const DataWindow& window, uint64_t lba, __DiskQReqStruct* r) {
+    const auto& panes = windowPanes(window);
+    return ReadDataNoWait(slot, panes.data(), panes.size(), lba, r);
+}
+
+StatusCode DiskManager::WriteDataNoWait(int slot, const DataWindow& window, uint64_t lba, __DiskQReqStruct* r) {
+    const auto& panes = windowPanes(window);
+    return WriteDataNoWait(slot, panes.data(), panes.size(), lba, r);
 }
 
 StatusCode DiskManager::ReadData(int slot, void* buffer, uint64_t lba, uint32_t sectors) {
@@ -382,7 +423,7 @@ StatusCode DiskManager::WriteDataNoWait(int slot, const DiskPane* panes, size_t 
 }
 
 StatusCode DiskManager::ParallelDiskWrite(DiskIoRequest* requests, int count) {
-    if (mNoDiskWrites) return StatusCode::Success;
+    if (noDiskWrites()) return StatusCode::Success;
     return ParallelDiskIO(kDirectionWrite, requests, count);
 }
 
@@ -428,10 +469,10 @@ StatusCode DiskManager::ParallelDiskIO(int direction, DiskIoRequest* requests, i
             io.status = result = st;
         }
     }
-    for (unsigned w = 0; w < normalWaits; ++w) semTake(batch, WAIT_FOREVER);
+    for (unsigned w = 0; w < normalWaits; ++w) semTakeForever(batch);
     for (unsigned w = 0; w < fastErrorWaits; ++w) {
         ESA_CONSOLE("Waiting for fasterror sem " << w << " of " << fastErrorWaits);
-        semTake(batch, WAIT_FOREVER);
+        semTakeForever(batch);
         ESA_CONSOLE("Done Waiting for fasterror sem " << w << " of " << fastErrorWaits);
     }
     for (int i = 0; i < count; ++i) {
@@ -474,7 +515,7 @@ StatusCode DiskManager::FlushAllDrives() {
             ESA_CONSOLE("DM::FlushAllDrives: slot " << s << " flush not issued: " << st);
         }
     }
-    for (unsigned w = 0; w < waits; ++w) semTake(shared, WAIT_FOREVER);
+    for (unsigned w = 0; w < waits; ++w) semTakeForever(shared);
     for (int s = 0; s < kSlots; ++s) {
         if (!issued[s]) continue;
         mDisks[s]->FlushCompleted(&requests[s]);
@@ -702,7 +743,7 @@ void DiskManager::Dump(std::ostream& out) {
         std::lock_guard<std::recursive_mutex> g(mDMLock);
         out << "DiskManager: " << (mLoaded ? "loaded" : "not loaded") << ", drives " << mDriveCount << ", present 0x"
             << std::hex << mPresence.presence << ", ready 0x" << mReadyBitmap.load() << std::dec << " (" << mReadyCount
-            << " ready)" << (mNoDiskWrites ? ", NO DISK WRITES" : "") << "\n";
+            << " ready)" << (noDiskWrites() ? ", NO DISK WRITES" : "") << "\n";
     }
     for (auto& d : mDisks)
         if (d) d->Dump(out);

@@ -6,9 +6,11 @@
 // accumulators. Every status the layers above see has passed
 // DiskErrorHandler. Lock order: a slot's "HotPlugSerialLck", then "rDMLock".
 //
-// Memory is handed over as panes (a DataWindow's pieces, in order): a window
-// of more than 256 panes takes several commands on the synchronous paths and
-// is refused with DM_SGLTooLong on the NoWait and parallel paths.
+// Memory is handed over without a copy: a DataWindow's contiguous pieces, in
+// window order, become the scatter list (DiskPane lists are the same below
+// the window). A window of more than 256 pieces takes several commands on the
+// synchronous paths and is refused with DM_SGLTooLong on the NoWait and
+// parallel paths. Writes in the system's read-only mode succeed and touch nothing.
 #include <array>
 #include <atomic>
 #include <cstdint>
@@ -23,6 +25,7 @@
 #include "include/ManagerBase.h"
 #include "platform/rtos/Rtos.h"
 #include "system/EventManager.h"
+#include "util/DataWindow.h"
 #include "util/ErrorInjection/ErrorInjection.h"
 #include "util/IOTracker.h"
 #include "util/PerfAccumulator.h"
@@ -44,10 +47,16 @@ public:
     StatusCode UnloadDiskPack() override;
 
     // Transaction-aware forms for the layers above.
+    StatusCode ReadData(int slot, const DataWindow& window, uint64_t lba, IOTracker& tracker);
+    StatusCode WriteData(int slot, const DataWindow& window, uint64_t lba, IOTracker& tracker, uint32_t flags);
+    // The raw write (J2 spill workers call it directly).
+    StatusCode WriteData(int slot, const DataWindow& window, uint64_t lba, uint32_t flags);
+    StatusCode ReadDataNoWait(int slot, const DataWindow& window, uint64_t lba, __DiskQReqStruct* r);
+    StatusCode WriteDataNoWait(int slot, const DataWindow& window, uint64_t lba, __DiskQReqStruct* r);
+    // The same over pane lists.
     StatusCode ReadData(int slot, const DiskPane* panes, size_t paneCount, uint64_t lba, IOTracker& tracker);
     StatusCode WriteData(int slot, const DiskPane* panes, size_t paneCount, uint64_t lba, IOTracker& tracker,
                          uint32_t flags);
-    // The raw write (J2 spill workers call it directly).
     StatusCode WriteData(int slot, const DiskPane* panes, size_t paneCount, uint64_t lba, uint32_t flags);
     // Single-buffer forms.
     StatusCode ReadData(int slot, void* buffer, uint64_t lba, uint32_t sectors);
@@ -93,8 +102,6 @@ public:
 
     // The one-shot fault injector: the next read or write on the slot yields DM_MediaError.
     void InjectOneShotFault(int slot, bool read, bool write);
-    // No-disk-writes mode (the system's read-only switch): writes succeed and touch nothing.
-    void SetNoDiskWrites(bool on) { mNoDiskWrites = on; }
     bool loaded() const { return mLoaded; }
 
     void Dump(std::ostream& out);
@@ -112,6 +119,7 @@ private:
     StatusCode readPanes(int slot, const DiskPane* panes, size_t n, uint64_t lba);
     StatusCode writePanes(int slot, const DiskPane* panes, size_t n, uint64_t lba);
     void setReady(int slot, bool ready);
+    static bool noDiskWrites();
 
     std::recursive_mutex mDMLock;  // "rDMLock", shared with the presence tracker
     std::array<std::unique_ptr<DiskObject>, kSlots> mDisks;
@@ -125,7 +133,6 @@ private:
         int count = 0;
     } mPresence;
     std::atomic<uint32_t> mReadyBitmap{0};
-    std::atomic<bool> mNoDiskWrites{false};
 
     uint8_t mTemperatureHistory[kHistoryLength] = {};
     int mTemperatureIndex = 0;

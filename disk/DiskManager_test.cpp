@@ -95,6 +95,24 @@ TEST_F(DiskManagerTest, WindowsOfManyPanesRoundTripInOrder) {
     EXPECT_EQ(dm()->ReadData(0, rp.data(), 1, 0, t), StatusCode::MediaError);
 }
 
+TEST_F(DiskManagerTest, DataWindowsGoToDiskWithoutACopyPieceByPiece) {
+    loadDisks({"16M"});
+    // 8 KiB seen through three blocks of a store: pieces of 3.5 KiB, 4 KiB and 0.5 KiB.
+    DataWindow out(3, 4096, 512, 8192), in(1, 8192, 0, 8192);
+    Buffer src(8192);
+    fill(src, 0, 700, 3);
+    DataBuffer flat{8192, src.p};
+    out.Write(flat);
+    IOTracker tracker(READ_WRITE);
+    ASSERT_EQ(dm()->WriteData(0, out, 700, tracker, 0), StatusCode::Success);
+    IOTracker reader(READ_ONLY);
+    ASSERT_EQ(dm()->ReadData(0, in, 700, reader), StatusCode::Success);
+    EXPECT_EQ(in.CompareContents(out), StatusCode::Success);
+    Buffer back(8192);
+    ASSERT_EQ(dm()->ReadData(0, back.p, 700, 16), StatusCode::Success);
+    for (uint64_t s = 0; s < 16; ++s) EXPECT_TRUE(hasPattern(back.p + s * kSectorSize, 0, 700 + s, 3)) << s;
+}
+
 TEST_F(DiskManagerTest, FlushedDataSurvivesAPowerCutAndUnflushedIsNeverTornOrMisplaced) {
     loadDisks({"64M", "64M"});
     Buffer a(64 * kSectorSize), b(64 * kSectorSize);
@@ -144,7 +162,7 @@ TEST_F(DiskManagerTest, FlushedDataSurvivesAPowerCutAndUnflushedIsNeverTornOrMis
 
 TEST_F(DiskManagerTest, NoDiskWritesModeTouchesNothing) {
     loadDisks({"8M"});
-    dm()->SetNoDiskWrites(true);
+    SystemManager::GetInstance()->setReadOnly(true);
     Buffer b(8 * kSectorSize);
     fill(b, 0, 0, 9);
     EXPECT_EQ(dm()->WriteData(0, b.p, 0, 8), StatusCode::Success);
@@ -153,7 +171,7 @@ TEST_F(DiskManagerTest, NoDiskWritesModeTouchesNothing) {
     req.panes = &pane;
     req.paneCount = 1;
     EXPECT_EQ(dm()->ParallelDiskWrite(&req, 1), StatusCode::Success);
-    dm()->SetNoDiskWrites(false);
+    SystemManager::GetInstance()->setReadOnly(false);
     Buffer in(8 * kSectorSize);
     ASSERT_EQ(dm()->ReadData(0, in.p, 0, 8), StatusCode::Success);
     EXPECT_EQ(std::vector<uint8_t>(in.p, in.p + in.size), std::vector<uint8_t>(in.size, 0));
@@ -466,8 +484,8 @@ TEST_F(DiskManagerTest, SmartDataGivesTemperatureAndBadness) {
     };
     entry(0, 1, 90, 0);
     entry(1, 5, 150, 0);
-    entry(2, 0xc6, 250, 0);
-    entry(3, 0xc2, 61, 44);
+    entry(2, 0xc2, 61, 44);
+    entry(3, 0xc6, 250, 0);  // after the temperature, as drives order them
     diskSmartInfo d{};
     data[0] = 0x10;
     ASSERT_TRUE(SmartData::parse(data, d));

@@ -106,6 +106,7 @@ void DiskObject::Shutdown() {
     }
     CloseDrive(mSlot);
     mInitialized = false;
+    mCapacity = 0;
     if (mState != StateFailed) mState = StateNone;
 }
 
@@ -150,7 +151,7 @@ StatusCode DiskObject::syncRequest(uint16_t command, void* data, uint64_t lba, u
         std::lock_guard<std::recursive_mutex> g(mDOLock);  // the queue cannot go away under the push
         pushed = mQueue ? mQueue->PushToQNoWait(&r) : (r.status = StatusCode::DiskNotPresent, 0);
     }
-    if (pushed) semTake(r.syncSemaphore, WAIT_FOREVER);
+    if (pushed) semTakeForever(r.syncSemaphore);
     giveSemaphore(index);
     return r.status;
 }
@@ -242,7 +243,7 @@ StatusCode DiskObject::FlushWriteCacheSync(__DiskQReqStruct* r, SEM_ID semaphore
         pushed = mQueue ? mQueue->PushToQNoWait(r) : (r->status = StatusCode::DiskNotPresent, 0);
     }
     if (index >= 0) {
-        if (pushed) semTake(r->syncSemaphore, WAIT_FOREVER);
+        if (pushed) semTakeForever(r->syncSemaphore);
         giveSemaphore(index);
         FlushCompleted(r);
         return r->status;

@@ -61,7 +61,7 @@ StatusCode DiskQueue::PushToQ(__DiskQReqStruct* r) {
         return r->status;
     }
     if (!PushToQNoWait(r)) return r->status;
-    semTake(r->syncSemaphore, WAIT_FOREVER);
+    semTakeForever(r->syncSemaphore);
     return r->status;
 }
 
@@ -88,7 +88,7 @@ void DiskQueue::DoRequestLoop() {
         uint64_t now = getTimebase();
         mElapsedUs += now - mLastLoopUs;
         mLastLoopUs = now;
-        if (GetDiskQueueDepth() == 0) semTake(mSem, WAIT_FOREVER);
+        if (GetDiskQueueDepth() == 0) semTakeForever(mSem);
         if (mShutdown) break;
         __DiskQReqStruct* r = popHead();
         if (!r) continue;  // a give left over from a request already taken

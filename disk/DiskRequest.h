@@ -14,6 +14,13 @@ inline bool isRead(uint16_t c) { return c == ReadBuffer || c == ReadSGL; }
 inline bool isWrite(uint16_t c) { return c == WriteBuffer || c == WriteSGL; }
 }  // namespace DiskCommand
 
+// Waits without limit for a completion. The wait is taken in hour-long slices:
+// the board clock's real mode cannot express an unbounded wait and would spin.
+inline void semTakeForever(SEM_ID sem) {
+    while (semTake(sem, 3600 * sysClkRateGet()) != OK) {
+    }
+}
+
 struct __DiskQReqStruct {
     __DiskQReqStruct* next = nullptr;
     __DiskQReqStruct* previous = nullptr;

@@ -9,8 +9,9 @@
 #include "platform/drive/DriveCommand.h"
 
 struct alignas(32) DiskSGL {
+    DiskSGL() { command.block = DriveCommandBlock{}; }  // the entries are written as they are appended
     DiskSGL* poolLink = nullptr;
-    DriveCommand command{};
+    DriveCommand command;
 
     static DiskSGL* Allocate();
     static void Free(DiskSGL* list);

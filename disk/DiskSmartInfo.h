@@ -18,6 +18,6 @@ constexpr unsigned kEntries = 30, kEntryBytes = 12, kFirstEntry = 2;
 constexpr uint8_t kTemperatureId = 0xc2, kRawReadErrorId = 1, kReallocatedId = 5, kUncorrectableId = 0xc6;
 // The normalised value v as badness: 100 - v up to 100, 200 - v up to 200, else 253 - v.
 uint8_t badness(uint8_t value);
-// Scans the thirty entries; the temperature entry ends the scan. True when a temperature was found.
+// Reads the thirty entries. True when a temperature was found.
 bool parse(const uint8_t data[512], diskSmartInfo& info);
 }  // namespace SmartData

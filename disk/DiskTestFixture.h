@@ -20,6 +20,7 @@
 #include "platform/board/Board.h"
 #include "platform/drive/SimDriveController.h"
 #include "platform/rtos/BoardClock.h"
+#include "system/SystemManager.h"
 
 class DiskTestFixture : public ::testing::Test {
 protected:
@@ -43,7 +44,7 @@ protected:
     void reset() {
         DiskManager* dm = DiskManager::GetInstance();
         if (dm->loaded()) dm->UnloadDiskPack();
-        dm->SetNoDiskWrites(false);
+        SystemManager::GetInstance()->setReadOnly(false);
         ctl().forget();
         std::error_code ec;
         std::filesystem::remove_all(Board::GetInstance().path("slots"), ec);

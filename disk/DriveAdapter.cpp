@@ -1,5 +1,7 @@
 #include "disk/DriveAdapter.h"
 
+#include "platform/board/BoardServices.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -290,7 +292,9 @@ uint32_t SlotPowerSwitch(int slot, bool on) {
 
 uint32_t probeAllDisks() { return simple(0, DriveOp::Probe); }
 
-int ReadSlotPowerRecord(SlotPowerRecord* record) { return driveSlotPowerSyscall(record); }
+int ReadSlotPowerRecord(SlotPowerRecord* record) {
+    return boardSyscall(BoardSyscall::SlotPower, intptr_t(record));
+}
 
 int SetupHotPlug(HotPlugCallback callback) {
     gHotPlugCallback = callback;

@@ -136,7 +136,10 @@ int eventPostCommand(int argc, char** argv, std::ostream& out) {
         return -1;
     }
     std::string text;
-    for (int i = 1; i < argc; ++i) text += (i > 1 ? " " : "") + std::string(argv[i]);
+    for (int i = 1; i < argc; ++i) {
+        if (i > 1) text += ' ';
+        text += argv[i];
+    }
     EventLogManager::EventLog()->PostEvent(text);
     return 0;
 }

@@ -4,10 +4,12 @@
 
 #include <atomic>
 #include <memory>
+#include <sstream>
 
 #include "management/EventLogManager.h"
 #include "platform/rtos/BoardClock.h"
 #include "system/EventManager.h"
+#include "util/ConsoleCommand.h"
 #include "util/Eventually.h"
 #include "zone/Zone0InfoTable.h"
 
@@ -174,4 +176,14 @@ TEST_F(Calendar, OnlyTheFirst255AlarmsAreSaved) {
     auto alarms = cal->alarms();
     ASSERT_EQ(alarms.size(), 255u);
     EXPECT_EQ(alarms.back().source, 0x1000u + 254) << "the latest expiry is the one left out";
+}
+
+TEST_F(Calendar, TheTimeCommandShowsTheClockAndTheAlarms) {
+    CalServ* system = CalServ::GetInstance();
+    system->Initialize();
+    std::ostringstream out;
+    ConsoleCommand::ExecuteLine("time", out);
+    EXPECT_NE(out.str().find("Current time: "), std::string::npos) << out.str();
+    EXPECT_NE(out.str().find("(" + std::to_string(wall()) + ")"), std::string::npos) << out.str();
+    EXPECT_NE(out.str().find("Calendar time: "), std::string::npos);
 }

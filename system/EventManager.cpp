@@ -2,6 +2,7 @@
 
 #include "platform/rtos/Rtos.h"
 #include "util/Assert.h"
+#include "util/Diagnostics.h"
 #include "util/Trace.h"
 
 namespace {
@@ -31,8 +32,9 @@ bool EventManager::EventQueue::push(unsigned long value) {
             if (enqueuePos.compare_exchange_weak(pos, pos + 1, std::memory_order_relaxed)) {
                 s.value = value;
                 s.sequence.store(pos + 1, std::memory_order_release);
-                posted.fetch_add(1, std::memory_order_release);
-                posted.notify_one();
+                posted.fetch_add(1);
+                // Only a sleeping reader costs the sender a wake-up call.
+                if (readerWaiting.load()) posted.notify_one();
                 return true;
             }
         } else if (diff < 0) {
@@ -88,9 +90,11 @@ void EventManager::DisableEventHandling() { mEnabled.store(false); }
 void EventManager::eventThread(EVENT_TYPE type) {
     EventQueue& q = mQueues[type];
     for (;;) {
-        uint32_t seen = q.posted.load(std::memory_order_acquire);
+        uint32_t seen = q.posted.load();
         if (!q.peek()) {
-            q.posted.wait(seen);
+            q.readerWaiting.store(true);
+            if (q.posted.load() == seen) q.posted.wait(seen);
+            q.readerWaiting.store(false);
             continue;
         }
         // Hot-plug events run from the start; all others stay queued (and
@@ -171,12 +175,25 @@ int EventManager::NewEvent(EVENT_TYPE type, bool, unsigned long value) {
         ESA_CONSOLE("Invalid Event Types\n");
         ESA_ASSERT_OP(event_type, <, MAX_EVENT_TYPES);
     }
-    // A full queue drops the event: the sender never waits.
+    // A full queue drops the event: the sender never waits. The sender does
+    // not yield afterwards either: the type's thread runs on its own here, and
+    // a yield would only cost an I/O path a system call.
     if (!mQueues[type].push(value)) mQueues[type].dropped.fetch_add(1, std::memory_order_relaxed);
-    taskDelay(0);
     return 1;
 }
 
 int EventManager::NewEvent(EVENT_TYPE type, bool urgent, void* value) {
     return NewEvent(type, urgent, (unsigned long)(uintptr_t)value);
 }
+
+void EventManager::Dump(std::ostream& out) {
+    out << "EventManager: handling " << (mEnabled.load() ? "enabled" : "disabled") << "\n";
+    for (int t = 0; t < MAX_EVENT_TYPES; ++t)
+        out << "  " << eventQNameList[t] << ": handlers " << handlerCount(EVENT_TYPE(t)) << ", queued "
+            << queued(EVENT_TYPE(t)) << ", dropped " << dropped(EVENT_TYPE(t)) << "\n";
+}
+
+namespace {
+DiagnosticHandler gEventDiagnostics([](std::ostream& out) { EventManager::GetInstance()->Dump(out); },
+                                    "EventManager", 100);
+}  // namespace

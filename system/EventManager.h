@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <list>
 #include <mutex>
+#include <ostream>
 
 #include "util/StatusCode.h"
 
@@ -54,6 +55,8 @@ public:
     uint64_t dropped(EVENT_TYPE type) const { return mQueues[type].dropped.load(); }
     // Events waiting in the type's queue.
     unsigned queued(EVENT_TYPE type) const;
+    // Per type: handlers, waiting events, events lost.
+    void Dump(std::ostream& out);
 
 private:
     EventManager() = default;
@@ -72,6 +75,7 @@ private:
         std::atomic<uint32_t> enqueuePos{0};
         std::atomic<uint32_t> dequeuePos{0};
         std::atomic<uint32_t> posted{0};  // bumped after each push; the thread waits on it
+        std::atomic<bool> readerWaiting{false};
         std::atomic<uint64_t> dropped{0};
     };
 

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <mutex>
+#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -154,6 +155,9 @@ TEST_F(Events, EveryTypeHasANamedThread) {
                 EXPECT_EQ(taskPriorityGet(t), 120);
             }
     EXPECT_EQ(found, MAX_EVENT_TYPES);
+    std::ostringstream out;
+    em->Dump(out);
+    EXPECT_NE(out.str().find("  eCalendar: handlers "), std::string::npos) << out.str();
 }
 
 TEST(EventsDeath, AnEventTypeOutOfRangeIsFatal) {

@@ -100,7 +100,7 @@ void nvram::writeHeader(unsigned r) {
     for (unsigned p = 0; p < kMaxPartitions; ++p) {
         const PartitionEntry& e = kPartitionTable[r][p];
         if (e.id == 0) continue;
-        uint32_t size = (e.size + 3) & ~3u;
+        uint32_t size = recordSize(e.size);
         ESA_ASSERT_OP(uint64_t(offset) + size, <=, region.size);
         h.partitions[p] = PartitionRecord{e.id, offset, size};
         offset += size;
@@ -108,7 +108,7 @@ void nvram::writeHeader(unsigned r) {
     // The magic word goes last, so a header cut short by a power loss is never taken as valid.
     std::memset(region.start, 0, kHeaderSize);
     std::memcpy(region.start + 4, reinterpret_cast<unsigned char*>(&h) + 4, kHeaderSize - 4);
-    std::atomic_thread_fence(std::memory_order_release);
+    std::atomic_signal_fence(std::memory_order_seq_cst);  // the compiler keeps the magic last
     uint32_t magic = kMagic;
     std::memcpy(region.start, &magic, 4);
 }

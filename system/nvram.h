@@ -56,6 +56,9 @@ public:
     // The region's size as the board gives it (0 for none).
     size_t regionSize(unsigned region) const { return region < kMaxRegions ? mRegion[region].size : 0; }
 
+    // A partition's size as its record gives it: rounded up to a multiple of 4.
+    static constexpr uint32_t recordSize(uint32_t size) { return (size + 3) & ~3u; }
+
     // The sizes each region is opened with: room for its header and partitions.
     static constexpr size_t kRegion0Size = 0x1000000;
     static constexpr size_t kRegion1Size = 0x400000;

@@ -129,3 +129,10 @@ TEST_F(Nvram, AClearZeroesEverythingAndWipeRemovesTheHeaders) {
     EXPECT_NE(out.find("NVRAM not initialized or wiped for region 0, got sig = 0x0"), std::string::npos) << out;
     EXPECT_EQ(dram.word(0), nvram::kMagic);
 }
+
+TEST(NvramRecords, PartitionSizesAreRoundedUpToWholeWords) {
+    EXPECT_EQ(nvram::recordSize(0x900200), 0x900200u);
+    EXPECT_EQ(nvram::recordSize(0x101), 0x104u);
+    EXPECT_EQ(nvram::recordSize(0x103), 0x104u);
+    EXPECT_EQ(nvram::recordSize(0), 0u);
+}

@@ -2,6 +2,12 @@
 
 #include <chrono>
 
+Binary* Binary::Create() {
+    static bool sized = (ObjectPool<Binary>::Initialize(kPoolEntries), true);
+    (void)sized;
+    return new Binary;
+}
+
 bool Binary::take(long limitMs) {
     std::unique_lock<std::mutex> l(mLock);
     if (limitMs < 0) {

@@ -13,13 +13,17 @@
 
 class Binary : public ObjectPool<Binary> {
 public:
-    Binary() = default;
+    static constexpr size_t kPoolEntries = 256;
+    // A waiter's semaphore, created taken; the pool is sized at first use.
+    static Binary* Create();
+
 
     // True when given; false when the wait limit passed first (test builds).
     bool take(long limitMs);
     void give();
 
 private:
+    Binary() = default;
     std::mutex mLock;
     std::condition_variable mCv;
     bool mFull = false;

@@ -9,7 +9,9 @@
 #include <thread>
 #include <vector>
 
+#include "platform/board/Board.h"
 #include "util/MemoryPool.h"
+#include "util/SharedMemoryPool.h"
 
 namespace {
 // Fills a window with bytes that tell their own position.
@@ -324,4 +326,17 @@ TEST(DataStore, ReferenceCountsSurviveManyThreads) {
     EXPECT_EQ(pool.freeCount(), 12u);
     shared->DecRef();
     EXPECT_EQ(pool.freeCount(), 16u);
+}
+
+TEST(SharedMemoryPool, BlocksLieInTheNamedRegion) {
+    SharedMemoryPool pool("/testSharedPool", "testShared", 4, 1024);
+    size_t size = 0;
+    auto* region = static_cast<unsigned char*>(Board::GetInstance().openRegion("/testSharedPool", 4096, &size));
+    DataStore* s = pool.GetBlocks(4);
+    for (DataBlock& b : s->blocks()) {
+        EXPECT_GE(b.data(), region);
+        EXPECT_LE(b.data() + b.length(), region + size);
+    }
+    s->DecRef();
+    EXPECT_EQ(pool.freeCount(), 4u);
 }

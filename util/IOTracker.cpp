@@ -14,8 +14,16 @@ uint64_t IOTracker::nextId() {
     return id;
 }
 
+IOTracker::SharedState* IOTracker::newSharedState() {
+    // Transactions are begun on every I/O path: their shared records come from
+    // a pool, sized here until the system sizes it for its steady state.
+    static bool sized = (ObjectPool<SharedState>::Initialize(kDefaultSharedStates), true);
+    (void)sized;
+    return new SharedState;
+}
+
 IOTracker::IOTracker(iotType type)
-    : mShared(new SharedState), mId(nextId()), mLockObjectList(&mShared->locks), mOwnerTask(currentLockTask()) {
+    : mShared(newSharedState()), mId(nextId()), mLockObjectList(&mShared->locks), mOwnerTask(currentLockTask()) {
     flags = type == READ_WRITE ? kReadWrite : 0;
 }
 
@@ -35,6 +43,7 @@ IOTracker::~IOTracker() {
 }
 
 void IOTracker::lockRelease() {
+    if (mShared->lockCount.load() == 0) return;  // the common case: nothing held extended
     while (ExtendingLockObject* lock = frontExtendedLock()) lock->CommitExtendedLock(*this);
 }
 
@@ -69,11 +78,13 @@ void IOTracker::addClid() {
 void IOTracker::addExtendedLock(ExtendingLockObject* lock) {
     std::lock_guard<std::mutex> g(mShared->listLock);
     mLockObjectList->push_back(lock);
+    mShared->lockCount.store(uint32_t(mLockObjectList->size()));
 }
 
 void IOTracker::removeExtendedLock(ExtendingLockObject* lock) {
     std::lock_guard<std::mutex> g(mShared->listLock);
     mLockObjectList->remove(lock);
+    mShared->lockCount.store(uint32_t(mLockObjectList->size()));
 }
 
 ExtendingLockObject* IOTracker::frontExtendedLock() {

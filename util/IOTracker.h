@@ -98,8 +98,11 @@ private:
         std::atomic<uint32_t> commits{0};
         std::mutex listLock;
         std::list<ExtendingLockObject*> locks;
+        std::atomic<uint32_t> lockCount{0};  // locks.size(), readable without listLock
     };
     static uint64_t nextId();
+    static SharedState* newSharedState();
+    static constexpr size_t kDefaultSharedStates = 1024;
 
     SharedState* mShared;
     uint64_t mId;

@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "util/ConsoleCommand.h"
 #include "util/Eventually.h"
 #include "util/ReentrantLockObject.h"
 
@@ -189,4 +190,18 @@ TEST(ReentrantLockObject, TheHolderMayReenterAndOthersWait) {
     other.join();
     EXPECT_TRUE(otherIn.load());
     EXPECT_FALSE(lock.OwnsLock());
+}
+
+TEST(LockConsole, DumpLockShowsTheNamedLockOrEveryHeldOne) {
+    LockObject held("lTestConsoleHeld", 0), idle("lTestConsoleIdle", 0);
+    held.LockExclusive();
+    std::ostringstream named, all, none;
+    ConsoleCommand::ExecuteLine("dumpLock lTestConsoleIdle", named);
+    EXPECT_NE(named.str().find("lTestConsoleIdle): currently not locked"), std::string::npos) << named.str();
+    ConsoleCommand::ExecuteLine("dumpLock", all);
+    EXPECT_NE(all.str().find("lTestConsoleHeld): currently LOCKED Exclusive"), std::string::npos) << all.str();
+    EXPECT_EQ(all.str().find("lTestConsoleIdle"), std::string::npos);
+    ConsoleCommand::ExecuteLine("dumpLock lNoSuchLock", none);
+    EXPECT_NE(none.str().find("No lock named lNoSuchLock"), std::string::npos);
+    held.LockRelease();
 }

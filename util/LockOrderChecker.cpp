@@ -103,9 +103,8 @@ bool LockOrderChecker::position(const std::string& name, int& chain, int& rank) 
     return false;
 }
 
-void LockOrderChecker::checkAcquire(const LockObjectBase* lock, uint64_t transId,
-                                    const std::vector<TransactionLock>* transactionLocks) {
-    if (!enabled()) return;
+void LockOrderChecker::check(const LockObjectBase* lock, uint64_t transId,
+                             const std::vector<TransactionLock>* transactionLocks) {
     int chain, rank;
     if (!position(lock->GetName(), chain, rank)) return;
     std::string self = lockTaskName(currentLockTask());
@@ -115,13 +114,11 @@ void LockOrderChecker::checkAcquire(const LockObjectBase* lock, uint64_t transId
             checkPair(lock, chain, rank, t.lock, t.transId, "transaction", transId);
 }
 
-void LockOrderChecker::noteAcquired(const LockObjectBase* lock, uint64_t transId) {
-    if (!enabled()) return;
+void LockOrderChecker::noteHeld(const LockObjectBase* lock, uint64_t transId) {
     tHeld.push_back(Held{lock, transId});
 }
 
-void LockOrderChecker::noteReleased(const LockObjectBase* lock) {
-    if (!enabled()) return;
+void LockOrderChecker::forget(const LockObjectBase* lock) {
     for (size_t i = tHeld.size(); i-- > 0;)
         if (tHeld[i].lock == lock) {
             tHeld.erase(tHeld.begin() + long(i));

@@ -34,10 +34,16 @@ public:
     // Called before `lock` is taken by the calling thread; transactionLocks are
     // the extended locks of the tracker the acquire carries, if any.
     static void checkAcquire(const LockObjectBase* lock, uint64_t transId,
-                             const std::vector<TransactionLock>* transactionLocks);
-    static void noteAcquired(const LockObjectBase* lock, uint64_t transId);
+                             const std::vector<TransactionLock>* transactionLocks) {
+        if (enabled()) check(lock, transId, transactionLocks);
+    }
+    static void noteAcquired(const LockObjectBase* lock, uint64_t transId) {
+        if (enabled()) noteHeld(lock, transId);
+    }
     // Forgets one hold of `lock` by the calling thread (no-op if it has none).
-    static void noteReleased(const LockObjectBase* lock);
+    static void noteReleased(const LockObjectBase* lock) {
+        if (enabled()) forget(lock);
+    }
     // True when the calling thread holds `lock` (reentry of a reentrant lock).
     static bool threadHolds(const LockObjectBase* lock);
 
@@ -49,5 +55,10 @@ public:
     static Reporter setReporter(Reporter reporter);
 
 private:
+    static void check(const LockObjectBase* lock, uint64_t transId,
+                      const std::vector<TransactionLock>* transactionLocks);
+    static void noteHeld(const LockObjectBase* lock, uint64_t transId);
+    static void forget(const LockObjectBase* lock);
+
     static std::atomic<bool> sEnabled;
 };

@@ -32,7 +32,7 @@ private:
 };
 }  // namespace
 
-TEST(LockOrderChecker, TheOverviewsOrderHoldsOverTheDeclaredLevels) {
+TEST(LockOrderChecker, TheLockOrderHoldsOverTheDeclaredLevels) {
     int chain, rankFlt, rankDst;
     // The declared levels put lCSFLTContainerLock (11) after the space tables
     // (6); the system's lock order puts the FLT container first.

@@ -3,6 +3,7 @@
 #include <sstream>
 
 #include "util/ConsoleCommand.h"
+#include "util/Diagnostics.h"
 #include "util/QueuedLock.h"
 
 LockProtection& LockProtection::GetInstance() {
@@ -37,6 +38,14 @@ void LockProtection::forEach(const std::function<void(LockObjectBase&)>& visit) 
         for (LockObjectBase* l : *r) visit(*l);
 }
 
+bool LockProtection::tryForEach(const std::function<void(LockObjectBase&)>& visit) {
+    std::unique_lock<std::mutex> g(mLock, std::try_to_lock);
+    if (!g.owns_lock()) return false;
+    for (Registry* r : {&mLockObjects, &mExtendingLockObjects, &mReentrantLockObjects})
+        for (LockObjectBase* l : *r) visit(*l);
+    return true;
+}
+
 // The `dumpLock` console command: the state of the named lock (every lock of
 // that name), or of every lock that is held when no name is given. It lives
 // beside the registry so that every program with locks has it.
@@ -62,6 +71,20 @@ int dumpLockCommand(int argc, char** argv, std::ostream& out) {
     }
     return 0;
 }
+
+// The diagnostics dump every held lock, so that a stopped system shows who
+// held what.
+void dumpHeldLocks(std::ostream& out) {
+    bool any = false;
+    bool done = LockProtection::GetInstance().tryForEach([&](LockObjectBase& lock) {
+        if (!isHeld(lock)) return;
+        any = true;
+        lock.Dump(out, true);
+    });
+    if (!done) out << "Lock registry busy: held locks not dumped\n";
+    else if (!any) out << "No lock is held\n";
+}
+DiagnosticHandler gLockDiagnostics(dumpHeldLocks, "Locks", 100);
 
 ConsoleCommand gDumpLock("dumpLock", "dumpLock <lock name> : Dump the state of the specific named lock",
                          dumpLockCommand);

@@ -21,6 +21,8 @@ public:
     void remove(LockObjectBase* lock, Registry::iterator position);
     // Calls `visit` for every live lock, with the registry locked.
     void forEach(const std::function<void(LockObjectBase&)>& visit);
+    // The same, unless the registry is busy (a halted thread may hold it): false then.
+    bool tryForEach(const std::function<void(LockObjectBase&)>& visit);
 
 private:
     LockProtection() = default;

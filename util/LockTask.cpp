@@ -4,8 +4,9 @@
 
 #include "platform/rtos/Rtos.h"
 
-LockTask currentLockTask() {
-    if (TASK_ID self = taskIdSelf()) return reinterpret_cast<LockTask>(self);
+LockTask lookUpLockTask(LockTask& cache) {
+    if (TASK_ID self = taskIdSelf()) return cache = reinterpret_cast<LockTask>(self);
+    // Not remembered: the thread may still register itself as a task.
     thread_local char token;
     return reinterpret_cast<LockTask>(&token) | 1;
 }

@@ -8,6 +8,12 @@
 
 using LockTask = uintptr_t;
 
-LockTask currentLockTask();
+// Finds the caller's identity; a task's id is remembered in `cache`.
+LockTask lookUpLockTask(LockTask& cache);
+
+inline LockTask currentLockTask() {
+    thread_local LockTask cache = 0;
+    return cache ? cache : lookUpLockTask(cache);
+}
 // The task's name, or "thread 0x..." for a thread the RTOS does not know.
 std::string lockTaskName(LockTask task);

@@ -22,7 +22,7 @@ void QueuedLock::wake(PendingLockObject* p) {
 
 void QueuedLock::waitInQueue(Guard& g, bool exclusive, uint64_t transId) {
     PendingLockObject p;
-    p.sem = new Binary;
+    p.sem = Binary::Create();
     p.exclusive = exclusive;
     p.task = currentLockTask();
     p.transId = transId;

@@ -8,7 +8,7 @@
 // the lock is handed to it (exclusive release, last shared release) or when a
 // shared waiter ahead of it got in and it is shared too. A release never
 // clears `locked` while someone waits, so nothing can slip in between; and a
-// reader that finds a waiter queued behind the waiter, which is how a reader
+// reader that finds anyone queued queues behind them, which is how a reader
 // never overtakes a queued writer.
 #include <cstdint>
 #include <mutex>

@@ -3,17 +3,14 @@
 #include "platform/board/Board.h"
 #include "util/Assert.h"
 
-unsigned char* SharedMemoryPool::regionBlocks(const char* regionName, uint32_t numBlocks, uint32_t blockSize) {
-    size_t bytes = size_t(numBlocks) * blockSize + 512;
+unsigned char* SharedMemoryPool::openRegion(const char* regionName, uint32_t numBlocks, uint32_t blockSize) {
+    size_t wanted = size_t(numBlocks) * blockSize;
     size_t actual = 0;
-    void* region = Board::GetInstance().openRegion(regionName, bytes, &actual);
-    ESA_ASSERT_PTR(region, !=, nullptr);
-    ESA_ASSERT_OP(actual, >=, bytes);
-    uintptr_t a = (reinterpret_cast<uintptr_t>(region) + 511) & ~uintptr_t(511);
-    return reinterpret_cast<unsigned char*>(a);
+    void* base = Board::GetInstance().openRegion(regionName, wanted, &actual);
+    ESA_ASSERT_PTR(base, !=, nullptr);
+    ESA_ASSERT_OP(actual, >=, wanted);
+    return static_cast<unsigned char*>(base);
 }
 
 SharedMemoryPool::SharedMemoryPool(const char* regionName, const char* name, uint32_t numBlocks, uint32_t blockSize)
-    : MemoryPool(name, regionBlocks(regionName, numBlocks, blockSize), numBlocks, blockSize),
-      mRegionName(regionName),
-      mBase(regionBlocks(regionName, numBlocks, blockSize)) {}
+    : MemoryPool(name, openRegion(regionName, numBlocks, blockSize), numBlocks, blockSize), mRegionName(regionName) {}

@@ -49,7 +49,7 @@ void checkType(RT type, uint32_t zone, uint32_t R) {
             ASSERT_EQ(data.slot, off / (R * d) + ((off >> 12) % d) * q) << name(type) << " off " << off;
         }
 
-        std::set<unsigned> columns{g.columnOfSlot(data.slot)};
+        uint32_t columns = 1u << g.columnOfSlot(data.slot);  // columns (disks) used by this block's copies
         for (RegionCopy copy : {RegionCopy::Primary, RegionCopy::Secondary}) {
             RegionPlace p;
             if (!g.place(copy, off, p)) continue;
@@ -62,8 +62,9 @@ void checkType(RT type, uint32_t zone, uint32_t R) {
             if (type == RT::SelfMirrored) {
                 ASSERT_NE(p.slot, data.slot);
             } else {
-                ASSERT_TRUE(columns.insert(g.columnOfSlot(p.slot)).second)
-                    << name(type) << " copy on a disk already used, off " << off;
+                const uint32_t column = 1u << g.columnOfSlot(p.slot);
+                ASSERT_FALSE(columns & column) << name(type) << " copy on a disk already used, off " << off;
+                columns |= column;
             }
             if (stripe && (off >> 12) % d == 0) {
                 // Each parity block protects exactly one stripe line.
@@ -74,11 +75,12 @@ void checkType(RT type, uint32_t zone, uint32_t R) {
         }
         if (stripe && (off >> 12) % d == d - 1) {
             // The whole line: d data blocks and the parity on distinct columns.
-            std::set<unsigned> line;
-            for (unsigned c = 0; c < d; ++c) line.insert(g.columnOfSlot(g.dataPlace(off - c * kBlock).slot));
-            line.insert(g.columnOfSlot(g.primaryPlace(off).slot));
-            if (RedundancyGeometry::IsDRStripe(type)) line.insert(g.columnOfSlot(g.secondaryPlace(off).slot));
-            ASSERT_EQ(line.size(), RedundancyGeometry::GetStripeWidth(type)) << name(type) << " off " << off;
+            uint32_t line = 0;
+            for (unsigned c = 0; c < d; ++c) line |= 1u << g.columnOfSlot(g.dataPlace(off - c * kBlock).slot);
+            line |= 1u << g.columnOfSlot(g.primaryPlace(off).slot);
+            if (RedundancyGeometry::IsDRStripe(type)) line |= 1u << g.columnOfSlot(g.secondaryPlace(off).slot);
+            ASSERT_EQ(unsigned(__builtin_popcount(line)), RedundancyGeometry::GetStripeWidth(type))
+                << name(type) << " off " << off;
         }
     }
     // Onto: every block of every data Region holds Zone data.
@@ -93,10 +95,12 @@ void checkType(RT type, uint32_t zone, uint32_t R) {
 }
 
 TEST(RedundancyGeometry, EveryTypeIsABijectionWithCopiesInTheDataRowOnOtherDisks) {
+    // Region sizes of 120, 180 and 420 blocks: every code's rows divide them, as
+    // they divide the default size's 10920.
     for (uint32_t R : {0x78000u, 0xB4000u})
         for (RT type : kRedundancyTypes)
             for (uint32_t zone : {2u, 3u, 4u}) checkType(type, zone, R);
-    for (RT type : kRedundancyTypes) checkType(type, 7, kDefaultRegionSize);
+    for (RT type : kRedundancyTypes) checkType(type, 7, 0x1A4000);
 }
 
 TEST(RedundancyGeometry, TypeTable) {

@@ -59,11 +59,15 @@ struct ReferenceDualParity {
     std::vector<uint8_t> horizontal, diagonal;
 };
 
-// The engine's parity of the data columns, through windows cut unevenly.
+// The engine's parity of the data columns, through windows cut unevenly. With
+// zeroMemoryNamed the zero columns' memory is named to the engine, which then
+// leaves those sources out.
 void engineDualParity(const DRStripeCode& code, std::vector<std::vector<uint8_t>>& data, uint32_t lines,
-                      std::vector<uint8_t>& horizontal, std::vector<uint8_t>& diagonal, std::mt19937& rng) {
+                      std::vector<uint8_t>& horizontal, std::vector<uint8_t>& diagonal, std::mt19937& rng,
+                      bool zeroMemoryNamed = false) {
     const size_t columnLength = size_t(lines) * code.columnBlockSize();
     std::vector<uint8_t> zeros(columnLength, 0);
+    if (zeroMemoryNamed) setZeroSourceMemory(zeros.data(), zeros.size());
     std::vector<ExtentList> sources;
     for (unsigned z = 0; z < code.zeroColumns; ++z) sources.push_back(whole(zeros));
     for (auto& column : data) sources.push_back(scattered(column, rng, 512, 24));
@@ -72,6 +76,7 @@ void engineDualParity(const DRStripeCode& code, std::vector<std::vector<uint8_t>
     StatusCode status;
     XOR2DWindow(scattered(horizontal, rng, 512, 24), scattered(diagonal, rng, 512, 24), sources.data(),
                 code.sources(), kBlock, status);
+    setZeroSourceMemory(nullptr, 0);
     ASSERT_TRUE(status.ok());
 }
 
@@ -158,6 +163,38 @@ TEST(DualParityGolden, FixedPatternGivesTheRecordedParity) {
         EXPECT_EQ(h, ref.horizontal);
         EXPECT_EQ(d, ref.diagonal);
     }
+}
+
+TEST(DualParityGolden, ZeroColumnsLeftOutWhenTheirMemoryIsNamedGiveTheSameParity) {
+    std::mt19937 rng(15);
+    for (unsigned width : {5u, 10u}) {
+        DRStripeCode code;
+        ASSERT_TRUE(DRStripeCode::forWidth(width, code));
+        std::vector<std::vector<uint8_t>> data(code.dataColumns);
+        for (auto& column : data) column = paritytest::randomBytes(2 * code.columnBlockSize(), rng);
+        ReferenceDualParity ref(code, data, 2);
+        std::vector<uint8_t> h, d;
+        engineDualParity(code, data, 2, h, d, rng, true);
+        EXPECT_EQ(h, ref.horizontal) << "DRStripe" << width;
+        EXPECT_EQ(d, ref.diagonal) << "DRStripe" << width;
+    }
+    // A stretch whose every source is zero memory comes out as zeros.
+    std::vector<uint8_t> zeros(8192, 0), dest(8192, 0xEE);
+    setZeroSourceMemory(zeros.data(), zeros.size());
+    ExtentList sources[] = {whole(zeros), whole(zeros)};
+    StatusCode status;
+    XORWindow(whole(dest), sources, 2, status);
+    ASSERT_TRUE(status.ok());
+    EXPECT_EQ(dest, zeros);
+    // The named memory is not read at all: were it not zeros, it would still
+    // count as zeros.
+    std::fill(zeros.begin(), zeros.end(), uint8_t(0xFF));
+    std::vector<uint8_t> data = paritytest::randomBytes(8192, rng);
+    ExtentList mixed[] = {whole(zeros), whole(data)};
+    XORWindow(whole(dest), mixed, 2, status);
+    setZeroSourceMemory(nullptr, 0);
+    ASSERT_TRUE(status.ok());
+    EXPECT_EQ(dest, data);
 }
 
 TEST(DualParityGolden, ZeroColumnsTakePartAsZeros) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <vector>
 
 #include "util/Assert.h"
@@ -14,6 +15,10 @@ namespace {
 // cache between its horizontal and diagonal passes: half of a typical
 // per-core second-level cache.
 constexpr uint32_t kXor2DChunkBytes = 512 * 1024;
+
+// The memory that always holds zeros; sources inside it are left out.
+std::atomic<const uint8_t*> gZeroBegin{nullptr};
+std::atomic<const uint8_t*> gZeroEnd{nullptr};
 
 // A position in an ExtentList that moves forward across its extents.
 class ExtentCursor {
@@ -124,6 +129,12 @@ void diagonalParity(const ExtentList& diagonal, const ExtentList* const* columns
 
 }  // namespace
 
+void setZeroSourceMemory(const uint8_t* data, size_t length) {
+    gZeroEnd.store(nullptr, std::memory_order_release);
+    gZeroBegin.store(data, std::memory_order_release);
+    gZeroEnd.store(data ? data + length : nullptr, std::memory_order_release);
+}
+
 void XORBlock(const uint32_t* a, const uint32_t* b, uint32_t* dest, uint32_t length) {
     const uint8_t* sources[] = {reinterpret_cast<const uint8_t*>(a), reinterpret_cast<const uint8_t*>(b)};
     XorEngine::GetInstance().xorSources(sources, 2, reinterpret_cast<uint8_t*>(dest), length & ~3u);
@@ -142,10 +153,16 @@ void XORWindow(const ExtentList& dest, const ExtentList* sources, unsigned count
     lists[0] = &dest;
     for (unsigned i = 0; i < count; ++i) lists[i + 1] = &sources[i];
     XorChain chain;
+    const uintptr_t zeroBegin = uintptr_t(gZeroBegin.load(std::memory_order_acquire));
+    const uintptr_t zeroEnd = uintptr_t(gZeroEnd.load(std::memory_order_acquire));
     bool done = walkInStep(lists.data(), count + 1, dest.length(), [&](uint8_t* const* p, uint32_t step) {
         unsigned long e = chain.elements++;
-        chain.sourceCounts[e] = count;
-        for (unsigned i = 0; i < count; ++i) chain.sourceRows[e][i] = p[i + 1];
+        unsigned long used = 0;
+        for (unsigned i = 0; i < count; ++i)
+            if (uintptr_t(p[i + 1]) < zeroBegin || uintptr_t(p[i + 1]) + step > zeroEnd)
+                chain.sourceRows[e][used++] = p[i + 1];
+        if (used == 0) chain.sourceRows[e][used++] = p[1];  // all zeros: dest becomes zeros
+        chain.sourceCounts[e] = used;
         chain.dests[e] = p[0];
         chain.lengths[e] = step;
         if (chain.elements == kXorChainElements) chain.flush(status);

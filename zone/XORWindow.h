@@ -13,6 +13,7 @@
 //
 // Every function works in place on the callers' memory, copies no source and
 // returns its StatusCode through `status`; a board XOR failure is InternalError.
+#include <cstddef>
 #include <cstdint>
 
 #include "util/StatusCode.h"
@@ -23,6 +24,12 @@
 // to a whole word.
 void XORBlock(const uint32_t* a, const uint32_t* b, uint32_t* dest, uint32_t length);
 void XORBlock(const uint32_t* a, const uint32_t* b, const uint32_t* c, uint32_t* dest, uint32_t length);
+
+// Names the memory that always holds zeros (the zero windows that stand for
+// the zero columns of a dual-parity code): a source stretch inside it changes
+// nothing, so the many-source XOR leaves it out. Set once at start-up, before
+// any XOR, and never written while set; null clears it.
+void setZeroSourceMemory(const uint8_t* data, size_t length);
 
 // dest = XOR of the count source windows, over dest's length. The windows are
 // walked in step whatever their extents; chains of up to 32 stretches go to the

@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "platform/board/Board.h"
+#include "platform/drive/SimDriveController.h"
 #include "platform/rtos/BoardClock.h"
 
 namespace {
@@ -163,6 +164,8 @@ int boardSyscall(unsigned number, intptr_t a0, intptr_t a1, intptr_t a2, intptr_
         return cfg.value("labUnit", false) ? 1 : 0;
     case BoardSyscall::Pmu:
         return pmu(a0, a1);
+    case BoardSyscall::SlotPower:
+        return driveSlotPowerSyscall(reinterpret_cast<SlotPowerRecord*>(a0));
     default:
         // Transport, LUN, event logging and slot power calls: recorded in the
         // board log, where the target and drive stand-ins pick them up.

@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <filesystem>
+#include <thread>
 #include <vector>
 
 #include "platform/board/Board.h"
@@ -28,7 +29,10 @@ protected:
     void TearDown() override { ctl().forget(); }
 
     static SimDriveController& ctl() { return SimDriveController::GetInstance(); }
-    static MSG_Q_ID queue() { return msgQOpen(kHotPlugQueueName, kHotPlugQueueDepth, sizeof(HotPlugMessage)); }
+    static MSG_Q_ID queue() {
+        static MSG_Q_ID q = msgQOpen(kHotPlugQueueName, kHotPlugQueueDepth, sizeof(HotPlugMessage));
+        return q;
+    }
     static std::vector<HotPlugMessage> drain() {
         std::vector<HotPlugMessage> out;
         HotPlugMessage m;
@@ -191,6 +195,35 @@ TEST_F(SimDriveTest, ReadPastTheEndIsABadLbaNotACrash) {
     std::string msg;
     EXPECT_FALSE(ctl().insertDisk(4, "1M", msg)) << "slot already holds a disk";
     EXPECT_FALSE(ctl().insertDisk(9, "1M", msg));
+}
+
+// Two reads on one slot at once, the first held by a latency fault on a board
+// clock that never moves.
+void twoCommandsAtOnce() {
+    std::string msg, err;
+    SimDriveController& c = SimDriveController::GetInstance();
+    c.insertDisk(6, "32M", msg);
+    c.addFault(6, *DiskFault::parse({"latency", "ms=60000"}, err), err);
+    std::vector<uint8_t> a(kSectorSize), b(kSectorSize);
+    auto read = [](uint8_t* buf, uint64_t lba) {
+        DriveCommand cmd{};
+        cmd.block.opcode = DriveOp::ReadSGL;
+        cmd.block.lba = lba;
+        cmd.block.count = 1;
+        cmd.block.entryCount = 1;
+        cmd.entries[0] = {1, uint64_t(uintptr_t(buf))};
+        int fd = driveOpen("/sata12");
+        driveIoctl(fd, kDriveIoctl, &cmd);
+    };
+    std::thread first([&] { read(a.data(), 0); });
+    while (c.readsAndWritesInFlight(6) == 0) std::this_thread::yield();
+    read(b.data(), 8);
+    std::_Exit(0);  // reached only if the second read was let through
+}
+
+TEST_F(SimDriveTest, TwoReadsOrWritesInFlightOnOneSlotAreAFatalAssertion) {
+    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+    EXPECT_EXIT(twoCommandsAtOnce(), ::testing::ExitedWithCode(Board::kRestartExitStatus), "");
 }
 
 }  // namespace

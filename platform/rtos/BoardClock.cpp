@@ -73,10 +73,14 @@ void BoardClock::advanceNanoseconds(uint64_t ns) {
 
 std::chrono::nanoseconds BoardClock::realSliceFor(uint64_t boardNs) const {
     // A virtual clock only moves when a test advances it, and that wakes no
-    // condition variable, so virtual waits poll in short real slices.
+    // condition variable, so virtual waits poll in short real slices. Other
+    // waits sleep at most 200 ms at a time (a WAIT_FOREVER deadline is far
+    // beyond what a duration can hold).
     if (mMode == Mode::Virtual) return std::chrono::microseconds(500);
-    auto real = std::chrono::nanoseconds(uint64_t(double(boardNs) / mFactor) + 1);
-    return std::min<std::chrono::nanoseconds>(real, std::chrono::milliseconds(200));
+    constexpr double kLongest = 200e6;
+    double real = double(boardNs) / mFactor;
+    if (!(real < kLongest)) return std::chrono::nanoseconds(uint64_t(kLongest));
+    return std::chrono::nanoseconds(uint64_t(real) + 1);
 }
 
 void BoardClock::sleepTicks(uint64_t ticks) {

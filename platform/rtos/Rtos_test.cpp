@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <ctime>
 #include <thread>
 
 #include "platform/rtos/BoardClock.h"
@@ -99,4 +100,68 @@ TEST(Rtos, DelayFollowsTheVirtualClock) {
     EXPECT_GE(tick64Get() - start, 30u);
 }
 
+}  // namespace
+
+namespace {
+// A wait for ever on the real clock must sleep, not spin: it must neither
+// return early nor burn the processor while it waits.
+TEST(RtosRealClock, WaitForeverSleeps) {
+    BoardClock::GetInstance().configure(BoardClock::Mode::Real);
+    SEM_ID s = semBCreate(0, SEM_EMPTY);
+    std::atomic<bool> taken{false};
+    std::clock_t cpuBefore = std::clock();
+    std::thread t([&] {
+        semTake(s, WAIT_FOREVER);
+        taken = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_FALSE(taken);
+    semGive(s);
+    t.join();
+    EXPECT_TRUE(taken);
+    double cpuSeconds = double(std::clock() - cpuBefore) / CLOCKS_PER_SEC;
+    BoardClock::GetInstance().configure(BoardClock::Mode::Virtual);
+    EXPECT_LT(cpuSeconds, 0.2) << "the waiting thread spun";
+}
+}  // namespace
+
+#include "platform/rtos/RtosTimer.h"
+
+namespace {
+TEST(RtosTimer, OneShotRepeatingAndCancelOnTheBoardClock) {
+    std::atomic<int> fired{0};
+    std::atomic<TASK_ID> on{nullptr};
+    RtosTimer timer("tTestTimer", 117);
+    timer.connect([&] {
+        on = taskIdSelf();
+        fired++;
+    });
+    timer.settime(10, 0);
+    BoardClock::GetInstance().advance(9);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_EQ(fired, 0) << "fired before its time";
+    std::atomic<bool> done{false};
+    std::thread waiter([&] {
+        while (fired < 1) std::this_thread::yield();
+        done = true;
+    });
+    advanceUntil(done, 1);
+    waiter.join();
+    EXPECT_EQ(taskName(on), "tTestTimer");
+    EXPECT_FALSE(timer.armed());
+
+    timer.settime(5, 5);  // repeating
+    done = false;
+    std::thread waiter2([&] {
+        while (fired < 4) std::this_thread::yield();
+        done = true;
+    });
+    advanceUntil(done, 1);
+    waiter2.join();
+    timer.cancel();
+    int now = fired;
+    BoardClock::GetInstance().advance(100);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_EQ(fired, now) << "a cancelled timer fired";
+}
 }  // namespace

@@ -55,4 +55,51 @@ inline Dis readDis(const uint8_t* s) {
     return d;
 }
 
+inline uint32_t be32(const uint8_t* p) { return uint32_t(p[0]) << 24 | p[1] << 16 | p[2] << 8 | p[3]; }
+inline uint16_t be16(const uint8_t* p) { return uint16_t(p[0] << 8 | p[1]); }
+
+// A Region metadata header: big-endian but for the padding word.
+struct RMHeader {
+    bool valid = false;  // magic, version 3..6, and the CRC when one is stored
+    uint32_t version = 0, regionSectors = 0, copyNumber = 0, generation = 0, metadataLba = 0, bitmapBytes = 0;
+    uint16_t savedLd[4] = {};
+    uint32_t savedRegion[4] = {};
+    uint32_t unavailable = 0, padding = 0, allocBase = 0;
+    uint64_t recoveryGeneration = 0;
+};
+
+inline RMHeader readRMHeader(const uint8_t* s) {
+    RMHeader h;
+    h.version = be32(s + 4);
+    h.regionSectors = be32(s + 0x0C) & 0xFFFFFF;
+    h.copyNumber = be32(s + 0x10);
+    h.generation = be32(s + 0x14);
+    h.metadataLba = be32(s + 0x18);
+    h.bitmapBytes = be32(s + 0x1C);
+    for (int i = 0; i < 4; ++i) {
+        h.savedLd[i] = be16(s + 0x20 + 8 * i);
+        h.savedRegion[i] = be32(s + 0x24 + 8 * i);
+    }
+    h.unavailable = be32(s + 0x74);
+    h.padding = le32(s + 0x78);
+    h.recoveryGeneration = uint64_t(be32(s + 0x7C)) << 32 | be32(s + 0x80);
+    h.allocBase = be32(s + 0x84);
+    uint8_t copy[512];
+    std::memcpy(copy, s, 512);
+    std::memset(copy + 0x70, 0, 4);
+    uint32_t stored = be32(s + 0x70);
+    h.valid = be32(s) == 0x524D4D44 && h.version >= 3 && h.version <= 6 && (stored == 0 || crc(copy, 512) == stored);
+    return h;
+}
+
+// The Region allocation bitmap: is Region r allocated?
+inline bool rabmAllocated(const uint8_t* area, uint32_t r) { return area[12 + r / 8] >> (r % 8) & 1; }
+inline bool rabmValid(const uint8_t* area, uint32_t areaBytes) {
+    std::string copy(reinterpret_cast<const char*>(area), areaBytes);
+    std::memset(copy.data() + 8, 0, 4);
+    uint32_t stored = be32(area + 8);
+    return be32(area) == 0x5241424D &&
+           (stored == 0 || crc(reinterpret_cast<const uint8_t*>(copy.data()), areaBytes) == stored);
+}
+
 }  // namespace independent
