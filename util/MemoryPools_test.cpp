@@ -20,9 +20,9 @@
 namespace {
 
 TEST(SharedMemoryPool, BlocksLieInTheNamedRegionAndComeBackWithTheStore) {
-    SharedMemoryPool pool("/testSharedPool", "lTestShared", 8, 4096);
+    SharedMemoryPool pool("/cacheTestSharedPool", "lTestShared", 8, 4096);
     size_t size = 0;
-    unsigned char* region = static_cast<unsigned char*>(Board::GetInstance().openRegion("/testSharedPool", 1, &size));
+    unsigned char* region = static_cast<unsigned char*>(Board::GetInstance().openRegion("/cacheTestSharedPool", 1, &size));
     DataStore* s = pool.GetBlocks(3);
     EXPECT_EQ(pool.freeCount(), 5u);
     for (DataBlock& b : s->blocks()) {
