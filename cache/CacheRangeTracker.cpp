@@ -102,7 +102,6 @@ void CacheRangeTracker::DL_CRO_NODE::lruEvict() {
     t->destroyCro(&mCro, false);
 }
 
-LruOwner* CacheRangeTracker::DL_CRO_NODE::lruOwner() { return mCro.mTracker; }
 
 // ---- tracker
 
@@ -110,7 +109,9 @@ CacheRangeTracker::CacheRangeTracker(const char* lockName, uint32_t numBlocks, u
     : mMemoryPool(std::make_unique<MemoryPool>((std::string(lockName) + "MemPool").c_str(), numBlocks, blockSize)),
       mLock(lockName, 0),
       mOwnsPool(true),
-      mConsoleName(lowerName(lockName)) {}
+      mConsoleName(lowerName(lockName)) {
+    mMemoryPool->lru().setOwner(this);
+}
 
 CacheRangeTracker::CacheRangeTracker(const char* lockName, const char* sharedRegionName, uint32_t numBlocks,
                                      uint32_t blockSize)
@@ -118,7 +119,9 @@ CacheRangeTracker::CacheRangeTracker(const char* lockName, const char* sharedReg
                                                      numBlocks, blockSize)),
       mLock(lockName, 0),
       mOwnsPool(true),
-      mConsoleName(lowerName(lockName)) {}
+      mConsoleName(lowerName(lockName)) {
+    mMemoryPool->lru().setOwner(this);
+}
 
 CacheRangeTracker::~CacheRangeTracker() { Flush(0); }
 

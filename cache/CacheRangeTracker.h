@@ -56,7 +56,6 @@ public:
         DataStore* lruStore() override;
         bool lruEvictable(bool evictDirty) override;
         void lruEvict() override;
-        LruOwner* lruOwner() override;
         CacheRangeObject& mCro;
     };
 

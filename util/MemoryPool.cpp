@@ -45,16 +45,21 @@ uint32_t MemoryPool::LRU::entries() {
 }
 
 StatusCode MemoryPool::LRU::FreeLeastRecentlyUsed(uint32_t wanted, bool evictDirty) {
+    // The owner's lock first, with the LRU lock released. A pool with one
+    // owner takes it without looking at the head, which another pass may be
+    // destroying at this moment.
+    LruOwner* owner = mOwner;
+    if (owner) owner->lruLock();
     LruNode* head;
     {
         ReentrantLockObject::LockInstance g(&mLock);
         head = mList.front();
     }
-    if (!head) return StatusCode::Success;
-    // The owner's lock first, with the LRU lock released.
-    LruOwner* owner = head->lruOwner();
-    if (owner) owner->lruLock();
-    else head->lruLockOwner();
+    if (!head) {
+        if (owner) owner->lruUnlock();
+        return StatusCode::Success;
+    }
+    if (!owner) head->lruLockOwner();
     auto unlockOwner = [&] {
         if (owner) owner->lruUnlock();
         else head->lruUnlockOwner();

@@ -37,11 +37,9 @@ public:
     virtual bool lruEvictable(bool evictDirty) = 0;
     // Destroys the entry; its store's last reference returns the blocks.
     virtual void lruEvict() = 0;
-    // The entry's owner. An entry that lruEvict destroys must name one: the
-    // eviction pass then locks and unlocks through it, never through an entry
-    // that may be gone by the end of the pass.
-    virtual LruOwner* lruOwner() { return nullptr; }
-    // Otherwise the lock of the entry's owner, taken through the entry.
+    // Without an owner set on the LRU (LRU::setOwner), the lock of the
+    // entry's owner, taken through the head entry: only for entries that
+    // lruEvict does not destroy.
     virtual void lruLockOwner() {}
     virtual void lruUnlockOwner() {}
 };
@@ -59,9 +57,12 @@ public:
         // with nothing evictable.
         StatusCode FreeLeastRecentlyUsed(uint32_t wanted, bool evictDirty);
         uint32_t entries();
+        // The one owner of every entry (the cache tracker that owns the pool).
+        void setOwner(LruOwner* owner) { mOwner = owner; }
 
     private:
         dList<LruNode> mList;  // head: least recently used
+        LruOwner* mOwner = nullptr;
         uint32_t mEntries = 0;
         ReentrantLockObject mLock;
     };
