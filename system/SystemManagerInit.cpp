@@ -18,6 +18,9 @@
 #include "cache/HostLbaTracker.h"
 #include "cache/RegionMetaDataTracker.h"
 #include "cache/ZoneMetaDataTracker.h"
+#include "cache/CacheTrackerObject.h"
+#include "util/DataWindow.h"
+#include "util/WriteBuffer.h"
 #include "cat/CATManager.h"
 #include "cat/ClusterManager.h"
 #include "disk/DiskManager.h"
@@ -226,9 +229,19 @@ bool SystemManager::Initialize(bool clearDisk, bool redirectOutput, bool noOutpu
     mJ2Manager = J2Manager::GetInstance();
     mDebug->Initialize();
     bootCheckpoint("Debug init", false);
-    // 8, 9. CRC tables need no set-up here; the object pools and the shared
-    //    regions are created by their owners on first use, and the regions the
-    //    board shares with the target side are opened now.
+    // 8. CRC tables need no set-up here. The object pools of the steady
+    //    state, sized once; an exhausted pool falls back on the heap and
+    //    counts it (poolInfo).
+    ObjectPool<CacheRangeTracker::CacheRangeObject>::Initialize(8000);
+    ObjectPool<CacheTrackerObject>::Initialize(4000);
+    ObjectPool<DataStore>::Initialize(10000);
+    ObjectPool<DataWindow::DataPane>::Initialize(10000);
+    ObjectPool<MemoryBlock>::Initialize(300);
+    // 9. The uncached blocks' region, and the regions the board shares with
+    //    the target side. "/SHJ1" is opened at the write-buffer partition's
+    //    full size: on this board the process creates it, and the partition
+    //    (host write data, battery-backed) is adopted as it stands after a
+    //    restart.
     Board& board = Board::GetInstance();
     void* uncached = board.openRegion("/UncachedPool", 0x962580);
     ESA_ASSERT_PTR(uncached, !=, nullptr);
@@ -236,14 +249,17 @@ bool SystemManager::Initialize(bool clearDisk, bool redirectOutput, bool noOutpu
     std::snprintf(line, sizeof line, "Creating MemoryBlockUncached pool at baseAddress %08lx to %08lx\n",
                   (unsigned long)uintptr_t(uncached), (unsigned long)(uintptr_t(uncached) + 0x962580));
     coutTrace.writeLine(line);
+    ObjectPool<MemoryBlockUncached>::Initialize(300);
     struct {
         const char* name;
         size_t size;
-    } regions[] = {{"/SHJ1", 0x1000}, {"/SHMQ", 0x1000}, {"/SHVX", 0x200000}};
+    } regions[] = {{"/SHJ1", kJournalMemoryBytes}, {"/SHMQ", 0x1000}, {"/SHVX", 0x200000}};
     for (auto& r : regions) {
         void* base = board.openRegion(r.name, r.size);
         std::snprintf(line, sizeof line, "%s @ 0x%8.8lx\n", r.name + 1, (unsigned long)uintptr_t(base));
         coutTrace.writeLine(line);
+        if (base && std::string(r.name) == "/SHJ1")
+            WriteBuffer::GetInstance().SetWPartitionStart(static_cast<unsigned char*>(base), uint32_t(r.size), nullptr);
     }
     // 10.
     setupNetwork(clearDisk, clearButton);

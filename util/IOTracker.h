@@ -85,6 +85,9 @@ public:
 
     // The last id handed out (ids never repeat in a run and are never 0).
     static uint64_t lastId() { return iotGlobalId.load(); }
+    // A fresh id, newer than every transaction so far (the range cache ages
+    // the ranges it installs with one).
+    static uint64_t takeId() { return nextId(); }
 
     uint8_t flags = 0;  // kReadWrite, kMeta, kFailNextIo, kPrivate
 

@@ -45,14 +45,25 @@ uint32_t MemoryPool::LRU::entries() {
 }
 
 StatusCode MemoryPool::LRU::FreeLeastRecentlyUsed(uint32_t wanted, bool evictDirty) {
+    // The owner's lock first, with the LRU lock released. A pool with one
+    // owner takes it without looking at the head, which another pass may be
+    // destroying at this moment.
+    LruOwner* owner = mOwner;
+    if (owner) owner->lruLock();
     LruNode* head;
     {
         ReentrantLockObject::LockInstance g(&mLock);
         head = mList.front();
     }
-    if (!head) return StatusCode::Success;
-    // The owner's lock first, with the LRU lock released.
-    head->lruLockOwner();
+    if (!head) {
+        if (owner) owner->lruUnlock();
+        return StatusCode::Success;
+    }
+    if (!owner) head->lruLockOwner();
+    auto unlockOwner = [&] {
+        if (owner) owner->lruUnlock();
+        else head->lruUnlockOwner();
+    };
     uint32_t freed = 0;
     while (freed < wanted) {
         mLock.Lock();
@@ -62,7 +73,7 @@ StatusCode MemoryPool::LRU::FreeLeastRecentlyUsed(uint32_t wanted, bool evictDir
             node = mList.front();
             if (!node || node == first) {
                 mLock.LockRelease();
-                head->lruUnlockOwner();
+                unlockOwner();
                 return StatusCode::MP_NoFreeEntriesOnLRU;
             }
             mList.remove(node);
@@ -79,7 +90,7 @@ StatusCode MemoryPool::LRU::FreeLeastRecentlyUsed(uint32_t wanted, bool evictDir
         mLock.LockRelease();
         node->lruEvict();
     }
-    head->lruUnlockOwner();
+    unlockOwner();
     return StatusCode::Success;
 }
 
@@ -95,6 +106,9 @@ MemoryPool::MemoryPool(const char* name, unsigned char* base, uint32_t numBlocks
     : mLRU(name), mLock((std::string(name) + "Lock").c_str(), 44), mName(name) {
     MemoryPoolInit(name, base, numBlocks, blockSize);
 }
+
+MemoryPool::MemoryPool(const char* name)
+    : mLRU(name), mLock((std::string(name) + "Lock").c_str(), 44), mName(name) {}
 
 void MemoryPool::MemoryPoolInit(const char* name, unsigned char* bufferLoc, uint32_t numBlocks, uint32_t blockSize) {
     ESA_ASSERT_PTR(bufferLoc, !=, nullptr);
@@ -133,8 +147,14 @@ void MemoryPool::GetBlocks(DataStore& store, uint32_t numBlocks) {
         uint32_t needed = blocksReqd - mFreeCount;
         mLock.LockRelease();
         if (mLRU.FreeLeastRecentlyUsed(needed, false) != StatusCode::Success) {
-            taskDelay(1);
-            ++attempts;
+            if (SpillRequest hook = sSpillRequest.load()) {
+                ++mSpillRequests;
+                hook(*this, needed);
+            }
+            if (mLRU.FreeLeastRecentlyUsed(needed, false) != StatusCode::Success) {
+                taskDelay(1);
+                ++attempts;
+            }
         }
         mLock.Lock();
         if (mFreeCount >= blocksReqd) break;

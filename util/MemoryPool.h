@@ -8,6 +8,7 @@
 //
 // Lock order: the owner's lock (the cache tracker's mLock), then the LRU
 // lock; the pool lock is never held while evicting.
+#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -15,6 +16,15 @@
 #include "util/ReentrantLockObject.h"
 #include "util/StatusCode.h"
 #include "util/dList.h"
+
+// The owner of LRU entries (the cache tracker): its lock is taken before the
+// LRU lock while evicting, and it outlives the entries it destroys.
+class LruOwner {
+public:
+    virtual ~LruOwner() = default;
+    virtual void lruLock() = 0;
+    virtual void lruUnlock() = 0;
+};
 
 // An entry of a pool's LRU list: the cache puts one in each cached range that
 // has a store. The cache decides what "dirty" and "locked" mean and how an
@@ -27,9 +37,11 @@ public:
     virtual bool lruEvictable(bool evictDirty) = 0;
     // Destroys the entry; its store's last reference returns the blocks.
     virtual void lruEvict() = 0;
-    // The lock of the entry's owner, taken before the LRU lock.
-    virtual void lruLockOwner() = 0;
-    virtual void lruUnlockOwner() = 0;
+    // Without an owner set on the LRU (LRU::setOwner), the lock of the
+    // entry's owner, taken through the head entry: only for entries that
+    // lruEvict does not destroy.
+    virtual void lruLockOwner() {}
+    virtual void lruUnlockOwner() {}
 };
 
 class MemoryPool {
@@ -45,9 +57,12 @@ public:
         // with nothing evictable.
         StatusCode FreeLeastRecentlyUsed(uint32_t wanted, bool evictDirty);
         uint32_t entries();
+        // The one owner of every entry (the cache tracker that owns the pool).
+        void setOwner(LruOwner* owner) { mOwner = owner; }
 
     private:
         dList<LruNode> mList;  // head: least recently used
+        LruOwner* mOwner = nullptr;
         uint32_t mEntries = 0;
         ReentrantLockObject mLock;
     };
@@ -66,6 +81,15 @@ public:
     virtual void ReturnBlock(DataBlock& block);
     virtual void ReturnBlocks(DataStore& store);
 
+    // Pinned metadata must never starve a pool: when eviction finds nothing
+    // because committed ranges wait for the journal, GetBlocks asks the
+    // journal to spill (it then lets those ranges go) instead of only waiting
+    // toward the fatal retry limit. The journal installs the hook; without
+    // one (metadata written straight through) nothing is pinned for long.
+    using SpillRequest = void (*)(MemoryPool& pool, uint32_t blocksNeeded);
+    static void setSpillRequest(SpillRequest hook) { sSpillRequest.store(hook); }
+    uint64_t spillRequests() const { return mSpillRequests.load(); }
+
     LRU& lru() { return mLRU; }
     uint32_t numEntries() const { return mNumEntries; }
     uint32_t freeCount();
@@ -73,6 +97,8 @@ public:
     const std::string& name() const { return mName; }
 
 protected:
+    // A pool that holds no blocks of its own (WJMemoryPool).
+    explicit MemoryPool(const char* name);
     void MemoryPoolInit(const char* name, unsigned char* bufferLoc, uint32_t numBlocks, uint32_t blockSize);
 
     LRU mLRU;
@@ -83,6 +109,8 @@ protected:
     uint32_t mBlockSize = 0;
 
 private:
+    static inline std::atomic<SpillRequest> sSpillRequest{nullptr};
+    std::atomic<uint64_t> mSpillRequests{0};
     std::string mName;
     unsigned char* mOwnedMemory = nullptr;
 };

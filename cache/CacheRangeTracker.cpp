@@ -1,0 +1,477 @@
+// CacheRangeTracker: construction, CROs, locking, lookup and unlock.
+#include "cache/CacheRangeTracker.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "cache/CacheDiagnostics.h"
+#include "cache/CacheTrackerObject.h"
+#include "util/Assert.h"
+#include "util/SharedMemoryPool.h"
+#include "util/Trace.h"
+
+namespace {
+Trace tCache("Cache", "RangeTracker", "Info", false);
+
+// Adds the elapsed board time of its scope to an accumulator, for one
+// operation in 16 per thread: the timings are a distribution, and reading the
+// clock twice on every cache hit would cost a visible share of the hit.
+class ScopeTimer {
+public:
+    explicit ScopeTimer(PerfAccumulator& acc) : mAcc(acc) {
+        thread_local uint32_t tick = 0;
+        mSampled = (tick++ & 15) == 0;
+        if (mSampled) mStart = getTimebase();
+    }
+    ~ScopeTimer() {
+        if (mSampled) mAcc.add(getTimebase() - mStart);
+    }
+
+private:
+    PerfAccumulator& mAcc;
+    uint64_t mStart = 0;
+    bool mSampled;
+};
+
+std::string lowerName(const char* lockName) {
+    // "lZMDTLock" -> "zmdt"
+    std::string s(lockName);
+    if (!s.empty() && s[0] == 'l') s.erase(0, 1);
+    if (s.size() > 4 && s.compare(s.size() - 4, 4, "Lock") == 0) s.erase(s.size() - 4);
+    for (char& c : s) c = char(std::tolower(static_cast<unsigned char>(c)));
+    return s;
+}
+}  // namespace
+
+// ---- CRO
+
+CacheRangeTracker::CacheRangeObject::CacheRangeObject(CacheRangeTracker& tracker, uint32_t set, uint64_t start,
+                                                      uint32_t length, uint64_t creatingId)
+    : mStoredStart(start),
+      mStoredLength(length),
+      mStart(start),
+      mLength(length),
+      mLRUNode(*this),
+      mMemoryPool(tracker.mMemoryPool.get()),
+      mList(tracker.mSets[set]),
+      mRoot(tracker.mRoots[set]),
+      mTracker(&tracker),
+      mLock("", 0),
+      mCreatingId(creatingId),
+      mSet(set) {
+    nameLock();
+}
+
+CacheRangeTracker::CacheRangeObject::~CacheRangeObject() {
+    if (mLRUNode.active) mMemoryPool->lru().RemoveFromLRU(mLRUNode);
+    if (pStore) pStore->DecRef();
+    pStore = nullptr;
+}
+
+void CacheRangeTracker::CacheRangeObject::nameLock() {
+    char name[160];
+    std::snprintf(name, sizeof name, "%s %lu 0x%16.16llx - 0x%16.16llx (0x%16.16llx)",
+                  mTracker->mConsoleName.c_str(), (unsigned long)mSet, (unsigned long long)mStart,
+                  (unsigned long long)(mStart + mLength - 1), (unsigned long long)mCreatingId);
+    mLock.SetName(name);
+}
+
+void CacheRangeTracker::CacheRangeObject::PreventEviction() {
+    if (pStore) pStore->IncRef();
+}
+
+void CacheRangeTracker::CacheRangeObject::AllowEviction() {
+    if (pStore) pStore->DecRef();
+}
+
+// ---- LRU entry: the pool calls these with the tracker's lock taken through lruLockOwner.
+
+DataStore* CacheRangeTracker::DL_CRO_NODE::lruStore() { return mCro.pStore; }
+
+bool CacheRangeTracker::DL_CRO_NODE::lruEvictable(bool evictDirty) {
+    if (LockObjectBase::bypass) return false;
+    if (mCro.mDirtyCount != 0 && !evictDirty) return false;
+    if (mCro.mSyncWaiters != 0) return false;
+    return !mCro.mLock.isLocked();
+}
+
+void CacheRangeTracker::DL_CRO_NODE::lruEvict() {
+    CacheRangeTracker* t = mCro.mTracker;
+    mCro.mLock.LockExclusive();
+    ++t->mStats.evictions;
+    t->destroyCro(&mCro, false);
+}
+
+
+// ---- tracker
+
+CacheRangeTracker::CacheRangeTracker(const char* lockName, uint32_t numBlocks, uint32_t blockSize)
+    : mMemoryPool(std::make_unique<MemoryPool>((std::string(lockName) + "MemPool").c_str(), numBlocks, blockSize)),
+      mLock(lockName, 0),
+      mOwnsPool(true),
+      mConsoleName(lowerName(lockName)) {
+    mMemoryPool->lru().setOwner(this);
+}
+
+CacheRangeTracker::CacheRangeTracker(const char* lockName, const char* sharedRegionName, uint32_t numBlocks,
+                                     uint32_t blockSize)
+    : mMemoryPool(std::make_unique<SharedMemoryPool>(sharedRegionName, (std::string(lockName) + "MemPool").c_str(),
+                                                     numBlocks, blockSize)),
+      mLock(lockName, 0),
+      mOwnsPool(true),
+      mConsoleName(lowerName(lockName)) {
+    mMemoryPool->lru().setOwner(this);
+}
+
+CacheRangeTracker::~CacheRangeTracker() { Flush(0); }
+
+StatusCode CacheRangeTracker::IsSetAndRangeValid(uint32_t, uint64_t start, uint32_t length) {
+    if (start + length < start || (length & 0x80000000u)) return StatusCode::CACHE_InvalidRange;
+    return StatusCode::Success;
+}
+
+CacheRangeTracker::CROList& CacheRangeTracker::FindSet(uint32_t set) {
+    while (mSets.size() <= set) {
+        mSets.emplace_back();
+        mRoots.push_back(nullptr);
+    }
+    return mSets[set];
+}
+
+uint32_t CacheRangeTracker::croCount(uint32_t set) {
+    LockObject::ExclusiveLockInstance g(&mLock);
+    if (set >= mSets.size()) return 0;
+    uint32_t n = 0;
+    for (auto it = mSets[set].begin(); it != mSets[set].end(); ++it) ++n;
+    return n;
+}
+
+uint32_t CacheRangeTracker::setCount() {
+    LockObject::ExclusiveLockInstance g(&mLock);
+    return uint32_t(mSets.size());
+}
+
+std::vector<CacheRangeTracker::CroView> CacheRangeTracker::view(uint32_t set) {
+    LockObject::ExclusiveLockInstance g(&mLock);
+    std::vector<CroView> out;
+    if (set >= mSets.size()) return out;
+    for (auto it = mSets[set].begin(); it != mSets[set].end(); ++it)
+        out.push_back({it->mStart, it->mLength, it->pStore != nullptr, it->pStore, it->mCreatingId, it->mDirtyCount});
+    return out;
+}
+
+bool CacheRangeTracker::busyFor(CacheRangeObject* cro, uint64_t transId) {
+    if (!cro->mLock.isLocked()) return false;
+    return cro->mLock.transID() != transId || transId == 0;
+}
+
+CacheRangeTracker::CacheRangeObject* CacheRangeTracker::newCro(uint32_t set, uint64_t start, uint32_t length,
+                                                               IOTracker& tracker, CacheRangeObject* before) {
+    CacheRangeObject* cro = new CacheRangeObject(*this, set, start, length, tracker.getID());
+    insertAfterSplay(mRoots[set], cro);
+    mSets[set].insertBefore(before, cro);
+    return cro;
+}
+
+void CacheRangeTracker::destroyCro(CacheRangeObject* cro, bool extending) {
+    eraseAndSplay(mRoots[cro->mSet], cro);
+    mSets[cro->mSet].remove(cro);
+    if (cro->mSyncWaiters != 0) {
+        // Someone waits on this lock: leave the object to the last waiter.
+        cro->mZombie = true;
+        if (cro->mLRUNode.active) mMemoryPool->lru().RemoveFromLRU(cro->mLRUNode);
+        if (cro->pStore) cro->pStore->DecRef();
+        cro->pStore = nullptr;
+        if (extending) cro->mLock.LockReleaseExtending();
+        else cro->mLock.LockRelease();
+        return;
+    }
+    if (extending) cro->mLock.LockReleaseExtending();
+    else cro->mLock.LockRelease();
+    delete cro;
+}
+
+void CacheRangeTracker::SyncOnCROAvailable(CacheRangeObject* busy) {
+    ++mStats.backoffs;
+    ++busy->mSyncWaiters;
+    mLock.LockRelease();
+    busy->mLock.LockExclusive();
+    busy->mLock.LockRelease();
+    mLock.LockExclusive();
+    if (--busy->mSyncWaiters == 0 && busy->mZombie) delete busy;
+}
+
+uint64_t CacheRangeTracker::roundedLimit(uint64_t start, uint64_t end, uint32_t roundTo, CacheRangeObject* next) {
+    if (roundTo == 0) return end;
+    uint64_t limit = (end + roundTo - 1) / roundTo * roundTo;
+    if (next && next->mStart < limit) limit = next->mStart;
+    uint32_t chunk = sSectorsPerChunk.load(std::memory_order_relaxed);
+    if (chunk) {
+        // Never into a chunk after the one that holds the last requested element.
+        uint64_t chunkEnd = ((end - 1) / chunk + 1) * chunk;
+        if (limit > chunkEnd) limit = chunkEnd;
+    }
+    (void)start;
+    return std::max(limit, end);
+}
+
+void CacheRangeTracker::giveBackExtension(CacheRangeObject* cro, IOTracker& tracker) {
+    // Only this call chain's extension is given back: one the transaction
+    // holds for a range it dirtied (through another CTO) lasts until commit.
+    if (cro->mLock.extendCount() == 1 && cro->mDirtyCount == 0) cro->mLock.UnextendLock(tracker);
+}
+
+StatusCode CacheRangeTracker::LockRangeHelper(uint32_t set, uint64_t start, uint32_t length,
+                                              CacheTrackerObject*& cto, IOTracker& tracker, CacheRangeObject*& busy,
+                                              uint32_t roundTo) {
+    if (length == 0) return StatusCode::CACHE_InvalidLength;
+    StatusCode st = IsSetAndRangeValid(set, start, length);
+    if (st != StatusCode::Success) return st;
+    const uint64_t end = start + length;
+    const uint32_t es = GetElementSize();
+    const uint64_t id = tracker.getID();
+    FindSet(set);
+    CacheTrackerObject* c = new CacheTrackerObject(*this, set, start, length, tracker);
+    bool complete = true;
+
+    CacheRangeObject* cur = firstAtOrAfter(set, start);
+    if (!cur) {
+        // Nothing cached at or after the range: exactly the request.
+        cur = newCro(set, start, length, tracker, nullptr);
+        complete = false;
+    } else if (cur->mStart >= end) {
+        // The next cached range lies beyond: the request, rounded up to it at most.
+        cur = newCro(set, start, uint32_t(roundedLimit(start, end, roundTo, cur) - start), tracker, cur);
+        complete = false;
+    } else if (cur->mStart > start) {
+        cur = newCro(set, start, uint32_t(cur->mStart - start), tracker, cur);
+        complete = false;
+    }
+    uint64_t pos = start;
+    while (cur && cur->mStart < end) {
+        if (busyFor(cur, id)) {
+            // All or nothing: give back what this CTO holds, then wait outside mLock.
+            for (CacheRangeObject* held : c->mCROs) {
+                if (!held->pStore && held->mLock.extendCount() == 1) {
+                    held->mLock.UnextendLock(tracker);
+                    destroyCro(held, true);
+                } else {
+                    giveBackExtension(held, tracker);
+                    held->mLock.LockReleaseExtending();
+                }
+            }
+            // Storeless CROs made for this request and never locked.
+            c->mCROs.clear();
+            delete c;
+            busy = cur;
+            return StatusCode::CACHE_LockInUse;
+        }
+        cur->mLock.LockExclusiveExtending(tracker);
+        c->mCROs.push_back(cur);
+        uint64_t ovEnd = std::min(end, cur->end());
+        if (complete) {
+            if (!cur->pStore) {
+                complete = false;
+                c->mWindow.clear();
+            } else {
+                c->mWindow.add(*cur->pStore, uint32_t((pos - cur->mStoredStart) * es), uint32_t((ovEnd - pos) * es));
+            }
+        }
+        if (cur->mLRUNode.active) mMemoryPool->lru().MarkMostRecentlyUsed(cur->mLRUNode);
+        pos = ovEnd;
+        CacheRangeObject* next = nextCro(cur);
+        uint64_t gapEnd = std::min(end, next ? next->mStart : end);
+        if (cur->end() < gapEnd) {
+            uint64_t limit = gapEnd == end ? roundedLimit(cur->end(), end, roundTo, next) : gapEnd;
+            next = newCro(set, cur->end(), uint32_t(limit - cur->end()), tracker, next);
+            complete = false;
+            c->mWindow.clear();
+        }
+        cur = next;
+    }
+    cto = c;
+    return StatusCode::Success;
+}
+
+StatusCode CacheRangeTracker::LockRange(uint32_t set, uint64_t start, uint32_t length, CacheTrackerObject*& cto,
+                                        IOTracker& tracker, uint32_t roundTo) {
+    CRTRangeContext ctx("LockRange", *this, set, start, length);
+    return lockRangeInternal(set, start, length, cto, tracker, roundTo);
+}
+
+StatusCode CacheRangeTracker::lockRangeInternal(uint32_t set, uint64_t start, uint32_t length,
+                                                CacheTrackerObject*& cto, IOTracker& tracker, uint32_t roundTo) {
+    ScopeTimer timer(mLockPerf);
+    ++mStats.locks;
+    cto = nullptr;
+    mLock.LockExclusive();
+    for (;;) {
+        CacheRangeObject* busy = nullptr;
+        StatusCode st = LockRangeHelper(set, start, length, cto, tracker, busy, roundTo);
+        if (st != StatusCode::CACHE_LockInUse) {
+            mLock.LockRelease();
+            return st;
+        }
+        SyncOnCROAvailable(busy);
+    }
+}
+
+StatusCode CacheRangeTracker::LockAndLookupRange(uint32_t set, uint64_t start, uint32_t length,
+                                                 CacheTrackerObject*& cto, IOTracker& tracker, uint32_t roundTo) {
+    CRTRangeContext ctx("LockAndLookupRange", *this, set, start, length);
+    StatusCode st = lockRangeInternal(set, start, length, cto, tracker, roundTo);
+    if (st != StatusCode::Success) return st;
+    st = LookupRangeInternal(cto, false, false, tracker);
+    if (st != StatusCode::Success) {
+        UnlockRange(cto);
+        cto = nullptr;
+    }
+    return st;
+}
+
+StatusCode CacheRangeTracker::LockAndLookupRangeNoRead(uint32_t set, uint64_t start, uint32_t length,
+                                                       CacheTrackerObject*& cto, IOTracker& tracker,
+                                                       uint32_t roundTo) {
+    CRTRangeContext ctx("LockAndLookupRangeNoRead", *this, set, start, length);
+    StatusCode st = lockRangeInternal(set, start, length, cto, tracker, roundTo);
+    if (st != StatusCode::Success) return st;
+    st = LookupRangeInternal(cto, true, false, tracker);
+    if (st != StatusCode::Success) {
+        UnlockRange(cto);
+        cto = nullptr;
+    }
+    return st;
+}
+
+StatusCode CacheRangeTracker::LookupRange(CacheTrackerObject* cto, IOTracker& tracker) {
+    CTOContext ctx("LookupRange", *this, cto);
+    return LookupRangeInternal(cto, false, false, tracker);
+}
+
+StatusCode CacheRangeTracker::LookupRangeQueued(CacheTrackerObject* cto, IOTracker& tracker) {
+    CTOContext ctx("LookupRangeQueued", *this, cto);
+    return LookupRangeInternal(cto, false, true, tracker);
+}
+
+void CacheRangeTracker::attachStore(CacheRangeObject* cro, DataStore* store) {
+    ESA_ASSERT(cro->pStore == nullptr);
+    cro->pStore = store;
+    cro->mStoredStart = cro->mStart;
+    cro->mStoredLength = cro->mLength;
+    mMemoryPool->lru().AddToLRU(cro->mLRUNode);
+}
+
+void CacheRangeTracker::rangeWindow(CacheRangeObject* cro, DataWindow& window) {
+    const uint32_t es = GetElementSize();
+    window.clear();
+    window.add(*cro->pStore, uint32_t((cro->mStart - cro->mStoredStart) * es), cro->mLength * es);
+}
+
+StatusCode CacheRangeTracker::LookupRangeInternal(CacheTrackerObject* cto, bool noRead, bool queued,
+                                                  IOTracker& tracker) {
+    ScopeTimer timer(mLookupPerf);
+    ++mStats.lookups;
+    if (cto->mWindow.paneCount() != 0) {
+        ++mStats.hits;
+        return StatusCode::Success;
+    }
+    ++mStats.misses;
+    StatusCode first = StatusCode::Success;
+    for (CacheRangeObject* cro : cto->mCROs) {
+        if (cro->pStore) continue;
+        cro->mStoredStart = cro->mStart;
+        cro->mStoredLength = cro->mLength;
+        if (noRead) {
+            attachStore(cro, mMemoryPool->GetBlocks(blocksFor(cro->mLength)));
+            continue;
+        }
+        ++mStats.reads;
+        StatusCode st = ReadRangeNotPresent(cto->mSet, cro, tracker, queued);
+        if (st != StatusCode::Success) {
+            ++mStats.readFailures;
+            if (first == StatusCode::Success) first = st;
+        }
+    }
+    if (first != StatusCode::Success) return first;
+    const uint32_t es = GetElementSize();
+    uint64_t pos = cto->mStart;
+    const uint64_t end = cto->mStart + cto->mLen;
+    cto->mWindow.clear();
+    for (CacheRangeObject* cro : cto->mCROs) {
+        ESA_ASSERT_PTR(cro->pStore, !=, nullptr);
+        uint64_t ovEnd = std::min(end, cro->end());
+        cto->mWindow.add(*cro->pStore, uint32_t((pos - cro->mStoredStart) * es), uint32_t((ovEnd - pos) * es));
+        pos = ovEnd;
+    }
+    ESA_ASSERT_OP(pos, ==, end);
+    return StatusCode::Success;
+}
+
+StatusCode CacheRangeTracker::ReadRangeNotPresent(uint32_t, CacheRangeObject* cro, IOTracker&, bool) {
+    attachStore(cro, mMemoryPool->GetBlocks(blocksFor(cro->mStoredLength)));
+    return StatusCode::Success;
+}
+
+StatusCode CacheRangeTracker::WriteBackRange(uint32_t, uint64_t, uint32_t, CacheTrackerObject*, IOTracker&) {
+    return StatusCode::Success;
+}
+
+void CacheRangeTracker::UnlockRange(CacheTrackerObject* cto) {
+    if (!cto) return;
+    CTOContext ctx("UnlockRange", *this, cto);
+    ScopeTimer timer(mUnlockPerf);
+    cto->mWindow.clear();
+    std::vector<CacheRangeObject*> keep;
+    for (CacheRangeObject* cro : cto->mCROs) {
+        if (cto->mDirty && cro->mDirtyCount != 0) {
+            // The transaction keeps its extended lock until commit.
+            cro->mLock.LockReleaseExtending();
+            keep.push_back(cro);
+            continue;
+        }
+        if (!cro->pStore) {
+            bool held = mLock.OwnsLock();
+            if (!held) mLock.LockExclusive();
+            if (cro->mLock.extendCount() == 1) {
+                cro->mLock.UnextendLock(cto->mTracker);
+                destroyCro(cro, true);
+            } else {
+                cro->mLock.LockReleaseExtending();
+            }
+            if (!held) mLock.LockRelease();
+            continue;
+        }
+        giveBackExtension(cro, cto->mTracker);
+        cro->mLock.LockReleaseExtending();
+    }
+    cto->mCROs.swap(keep);
+    if (!cto->mDirty) delete cto;
+}
+
+StatusCode CacheRangeTracker::WriteRange(CacheTrackerObject* cto, IOTracker& tracker) {
+    CTOContext ctx("WriteRange", *this, cto);
+    ++mStats.writes;
+    StatusCode st = WriteBackRange(cto->mSet, cto->mStart, cto->mLen, cto, tracker);
+    if (st != StatusCode::Success) {
+        ++mStats.writeFailures;
+        ClearCTO(cto);
+    }
+    return st;
+}
+
+void CacheRangeTracker::ClearCTO(CacheTrackerObject* cto) {
+    // Memory that failed to reach the disk or the journal must not be served
+    // later: drop the stores that nobody but the LRU (and this CTO's window) holds.
+    cto->mWindow.clear();
+    LockObject::ExclusiveLockInstance g(&mLock);
+    for (CacheRangeObject* cro : cto->mCROs) {
+        if (!cro->pStore) continue;
+        if (cro->pStore->refCount() != cro->pStore->lruCount() || cro->mDirtyCount != 0) {
+            ESA_TRACE(tCache, "ClearCTO: Skipping a non-evictable CRO");
+            continue;
+        }
+        if (cro->mLRUNode.active) mMemoryPool->lru().RemoveFromLRU(cro->mLRUNode);
+        cro->pStore->DecRef();
+        cro->pStore = nullptr;
+    }
+}

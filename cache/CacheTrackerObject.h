@@ -1,0 +1,53 @@
+#pragma once
+// CacheTrackerObject (CTO): one locked range of a CacheRangeTracker as its
+// transaction holds it: the CROs it holds locked, and, once every element is
+// present, a window on the data in order.
+//
+// A CTO that marked its CROs dirty outlives UnlockRange: the journal holds it
+// in its transaction, pins the data at commit (PreventEviction) and lets it go
+// after the spill (AllowEviction); the last AllowEviction destroys it.
+#include <cstdint>
+#include <ostream>
+#include <vector>
+
+#include "cache/CacheRangeTracker.h"
+#include "include/ObjectPool.h"
+#include "util/DataWindow.h"
+#include "util/IOTracker.h"
+
+class CacheTrackerObject : public ObjectPool<CacheTrackerObject> {
+public:
+    using CRO = CacheRangeTracker::CacheRangeObject;
+
+    CacheTrackerObject(CacheRangeTracker& owner, uint32_t set, uint64_t start, uint32_t length, IOTracker& tracker);
+    virtual ~CacheTrackerObject();
+    CacheTrackerObject(const CacheTrackerObject&) = delete;
+    CacheTrackerObject& operator=(const CacheTrackerObject&) = delete;
+
+    void MarkRangeDirty();
+    void MarkRangeClean();
+    void PreventEviction();
+    // Drops one PreventEviction; the last one destroys the CTO.
+    void AllowEviction();
+    bool AllEvictable();
+
+    CacheRangeTracker& owner() { return mOwner; }
+    void Dump(std::ostream& out);
+
+    DataWindow mWindow;
+    std::vector<CRO*> mCROs;
+    uint64_t mStart;
+    uint32_t mLen;
+    uint32_t mSet;
+    IOTracker& mTracker;
+    uint64_t mTransId;  // the tracker's id, for dumps after the caller's tracker has gone
+    uint32_t mEvictionLocks = 0;
+    bool mDirty = false;
+    bool mDeleted = false;
+
+private:
+    CacheRangeTracker& mOwner;
+    // The stores PreventEviction pinned: the pins outlive the CROs, which an
+    // invalidation may drop once the transaction has committed.
+    std::vector<DataStore*> mPinnedStores;
+};
