@@ -45,7 +45,17 @@ case "$CHECK" in
 conformance)
     start_target 64m
     cd "$WORK" || exit 1
-    iscsi-test-cu -d -x -s "$URL/0" -t ALL > "$WORK/cu.log" 2>&1
+    # On a heavily loaded machine the suite has been seen to stall once in a
+    # while (not reproduced on a quiet one): a stall is reported and the suite
+    # run once more on a fresh target; a second stall fails the check.
+    timeout 150 iscsi-test-cu -d -x -s "$URL/0" -t ALL > "$WORK/cu.log" 2>&1
+    if [ $? -eq 124 ]; then
+        echo "WARNING: iscsi-test-cu stalled; last lines:"; tail -5 "$WORK/cu.log"
+        kill "$RT_PID" 2>/dev/null; wait "$RT_PID" 2>/dev/null
+        start_target 64m
+        timeout 150 iscsi-test-cu -d -x -s "$URL/0" -t ALL > "$WORK/cu.log" 2>&1
+        [ $? -eq 124 ] && fail "iscsi-test-cu stalled twice"
+    fi
     target_alive
     # Suites whose failures are expected, each for a stated reason:
     #  ExtendedCopy: EXTENDED COPY is not supported (its refusal passes); the
