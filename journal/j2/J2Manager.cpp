@@ -2,6 +2,7 @@
 #include "journal/j2/J2Manager.h"
 
 #include <cstring>
+#include <optional>
 
 #include "journal/j2/J2CacheHooks.h"
 #include "journal/j2/J2Nvram.h"
@@ -12,6 +13,13 @@
 #include "util/Trace.h"
 
 using namespace j2;
+
+namespace {
+bool sampleThisOne() {
+    thread_local uint32_t n = 0;
+    return (++n & 15) == 0;
+}
+}  // namespace
 
 J2Manager* J2Manager::GetInstance() {
     static J2Manager* instance = new J2Manager(nullptr, true);
@@ -69,25 +77,33 @@ J2set* J2Manager::findSet(uint64_t id, J2set** prev) const {
 
 StatusCode J2Manager::writeData(unsigned short drive, const DiskPane* panes, size_t paneCount,
                                 unsigned long long lba, IOTracker& tracker) {
-    // The panes are the caller's (cache) memory, read at commit: the window
-    // references it without taking it over.
+    // The panes are the caller's (cache) memory, read at commit: they are
+    // referenced, never taken over.
+    if (paneCount == 1) return addWrite(drive, panes, nullptr, panes[0].length, lba, tracker);
     DataWindow window;
     for (size_t i = 0; i < paneCount; ++i) {
         DataStore* store = new DataStore(static_cast<unsigned char*>(panes[i].address), panes[i].length);
         window.add(*store, 0, panes[i].length);
         store->DecRef();
     }
-    return writeData(drive, window, lba, tracker);
+    return addWrite(drive, nullptr, &window, window.GetLength(), lba, tracker);
 }
 
 StatusCode J2Manager::writeData(unsigned short drive, DataWindow& window, unsigned long long lba,
                                 IOTracker& tracker) {
-    ManualPerfSamplerLimitForced timer(&mWriteTimes, "J2Manager::writeData", 1000000);
+    return addWrite(drive, nullptr, &window, window.GetLength(), lba, tracker);
+}
+
+StatusCode J2Manager::addWrite(unsigned short drive, const DiskPane* pane, DataWindow* window, uint32_t length,
+                               unsigned long long lba, IOTracker& tracker) {
+    // Writes and copies are timed one in 16: they are the hot path of every
+    // metadata change, and the histograms need only their shape.
+    std::optional<ManualPerfSamplerLimitForced> timer;
+    if (sampleThisOne()) timer.emplace(&mWriteTimes, "J2Manager::writeData", 1000000);
     if (drive >= kMaxDisks || dh(drive).getValid() == 0) {
         if (drive < kMaxDisks) rebootIfCritical(drive);
         return StatusCode::DiskNotPresent;
     }
-    uint32_t length = window.GetLength();
     if (length == 0 || length % kSectorSize || length / kSectorSize >= kInjectBit || lba > 0xFFFFFFFFull ||
         lba + length / kSectorSize > 0x100000000ull)
         return StatusCode::BadIOLength;
@@ -114,7 +130,8 @@ StatusCode J2Manager::writeData(unsigned short drive, DataWindow& window, unsign
     t->clid = tracker.cacheTracker();
     t->lba = uint32_t(lba);
     t->drive = drive;
-    t->window = window;
+    if (pane) t->pane = *pane;
+    else t->window = *window;
     t->length = length;
     t->injectError = tracker.flags & IOTracker::kFailNextIo;
     need.ctrl += kTranSize;
@@ -244,7 +261,8 @@ StatusCode J2Manager::commit(J2set* set, J2set* prev) {
 
     unsigned diskTran[kMaxDisks] = {};
     {
-        ManualPerfSamplerLimitForced copy(&mCopyTimes, "J2Manager copy to NVRAM", 1000000);
+        std::optional<ManualPerfSamplerLimitForced> copy;
+        if (sampleThisOne()) copy.emplace(&mCopyTimes, "J2Manager copy to NVRAM", 1000000);
         while (J2subTran* t = set->head) {
             set->head = t->next;
             unsigned d = t->drive;
@@ -261,19 +279,23 @@ StatusCode J2Manager::commit(J2set* set, J2set* prev) {
             putLE16(tr.numSecs, uint16_t(secs | (t->injectError ? kInjectBit : 0)));
             J2Nvram::storeBytes(load[d].ctrl + kSetHeadSize + diskTran[d] * kTranSize, &tr, sizeof tr,
                                 "j2.commit.tran");
-            unsigned char* p;
-            uint32_t n;
-            uint32_t done = 0;
-            for (auto it = t->window.begin(p, n); it != t->window.end(); it.GetNext(p, n)) {
-                J2Nvram::storeBytes(load[d].payload + done, p, n, "j2.commit.data");
-                done += n;
+            if (t->pane.address) {
+                J2Nvram::storeBytes(load[d].payload, t->pane.address, t->length, "j2.commit.data");
+            } else {
+                unsigned char* p;
+                uint32_t n;
+                uint32_t done = 0;
+                for (auto it = t->window.begin(p, n); it != t->window.end(); it.GetNext(p, n)) {
+                    J2Nvram::storeBytes(load[d].payload + done, p, n, "j2.commit.data");
+                    done += n;
+                }
             }
             load[d].payload += t->length;
             diskTran[d]++;
             delete t;
         }
         set->tail = nullptr;
-        copy.stop();
+        if (copy) copy->stop();
     }
 
     bool listPlaced = false;

@@ -111,6 +111,8 @@ private:
         unsigned char* next = nullptr;  // the record place behind it
     };
 
+    StatusCode addWrite(unsigned short drive, const DiskPane* pane, DataWindow* window, uint32_t length,
+                        unsigned long long lba, IOTracker& tracker);
     StatusCode commit(J2set* set, J2set* prev);
     J2set* findSet(uint64_t id, J2set** prev) const;
     bool spaceCheck(J2set* set);

@@ -9,6 +9,7 @@
 
 #include "include/ObjectPool.h"
 #include "journal/j2/J2Format.h"
+#include "disk/DiskSGL.h"
 #include "util/DataWindow.h"
 
 class CacheTrackerObject;
@@ -48,12 +49,15 @@ private:
     elem* mHead = nullptr;
 };
 
+// The data are referenced either by a window or, for a write handed down as
+// one piece of memory (the disk layer's common case), by that piece alone.
 struct J2subTran : ObjectPool<J2subTran> {
     J2subTran* next = nullptr;
     CacheTrackerObject* clid = nullptr;
     uint32_t lba = 0;
     uint16_t drive = 0;
     DataWindow window;
+    DiskPane pane{nullptr, 0};
     uint32_t length = 0;  // bytes
     bool injectError = false;
 };
