@@ -96,6 +96,23 @@ TEST_F(J2CacheHooksTest, ACachePressureRequestSpillsWithoutWaiting) {
     waitUntil([&] { return !gCalls.empty() && gCalls.back() == "unpin6"; });
 }
 
+TEST_F(J2CacheHooksTest, AHeldFlushMakesTheTimerSkipItsTurnInsteadOfWaiting) {
+    loadDisks({"16M"});
+    bootAndLoad(true);
+    IOTracker t(READ_WRITE);
+    ASSERT_EQ(write(t, 0, 10, 1, 1), StatusCode::Success);
+    ASSERT_EQ(j2->commit(t), StatusCode::Success);
+    {
+        J2Manager::FlushHold hold(*j2);
+        uint32_t turns = j2->timerTurns();
+        j2->requestSpill();
+        waitUntil([&] { return j2->timerTurns() > turns; });  // the timer did not block on the hold
+        EXPECT_FALSE(j2->journalsClean());
+    }
+    j2->forceFlush(false);
+    EXPECT_TRUE(j2->journalsClean());
+}
+
 TEST_F(J2CacheHooksTest, TheConsoleShowsTheJournal) {
     std::ostringstream out;
     EXPECT_EQ(ConsoleCommand::ExecuteLine("j2dump", out), 0);

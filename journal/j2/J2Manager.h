@@ -64,6 +64,25 @@ public:
     // Makes IOTracker's commit, flush flag, payload and addClid go through this instance.
     void installTrackerHooks();
 
+    // Holds "rJ2Flush" for its scope (the relayout engine while it moves a
+    // chunk): no spill runs meanwhile, and the idle timer skips its turn.
+    class FlushHold {
+    public:
+        explicit FlushHold(J2Manager& j2) : mJ2(j2) {
+            mJ2.mFlushLock.Lock();
+            mJ2.mFlushHeld++;
+        }
+        ~FlushHold() {
+            mJ2.mFlushHeld--;
+            mJ2.mFlushLock.LockRelease();
+        }
+        FlushHold(const FlushHold&) = delete;
+        FlushHold& operator=(const FlushHold&) = delete;
+
+    private:
+        J2Manager& mJ2;
+    };
+
     // ---- spill, start, hot plug
     void forceFlush(bool inhibitable);
     void softSpill(bool inhibitable);

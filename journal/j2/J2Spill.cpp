@@ -40,7 +40,7 @@ void J2Manager::requestSpill() {
 }
 
 void J2Manager::softSpill(bool inhibitable) {
-    if (inhibitable && mFlushHeld.load() != 0 && !mFlushLock.OwnsLock()) {
+    if (inhibitable && (LockObjectBase::bypass.load() || (mFlushHeld.load() != 0 && !mFlushLock.OwnsLock()))) {
         ESA_TRACE(j2Trace, "J2Manager::softSpill - skipping spill since flush is inhibited");
         return;
     }
