@@ -359,7 +359,7 @@ uint32_t J2Manager::listHandle(unsigned slot, clidTracker* list) {
 void J2Manager::sync() {
     {
         LockObject::ExclusiveLockInstance g(&mBuildListLock);
-        ESA_ASSERT_OP(mSyncCount, ==, 0u);
+        ESA_ASSERT_OP(mSyncCount.load(), ==, 0u);
         uint32_t n = 0;
         for (J2set* s = mBuildList; s; s = s->next) {
             s->flags |= J2set::kSyncWanted;

@@ -163,7 +163,7 @@ private:
     std::atomic<bool> mStopping{false};
     bool mNvramSuspect = false;
     std::atomic<uint32_t> mCriticalMap{0};
-    uint32_t mSyncCount = 0;
+    std::atomic<uint32_t> mSyncCount{0};
     SEM_ID mSyncDone = nullptr;
     SEM_ID mTimerWake = nullptr;
     std::atomic<bool> mSpillRequested{false};

@@ -270,3 +270,38 @@ TEST_F(J2Manager_, AMetadataWriteThroughTheDiskLayerGoesToTheJournal) {
     j2->forceFlush(false);
     EXPECT_EQ(generationOf(0, 5, 1), 2);
 }
+
+TEST_F(J2Manager_, SyncWaitsForEverySetBeingBuiltThenSpills) {
+    loadDisks({"16M"});
+    bootAndLoad();
+    IOTracker a(READ_WRITE), b(READ_WRITE);
+    ASSERT_EQ(write(a, 0, 1, 1, 2), StatusCode::Success);
+    ASSERT_EQ(write(b, 0, 2, 1, 3), StatusCode::Success);
+    std::atomic<bool> synced{false};
+    std::thread syncer([&] {
+        j2->sync();
+        synced = true;
+    });
+    ASSERT_EQ(j2->commit(a), StatusCode::Success);
+    EXPECT_FALSE(synced.load()) << "sync returned with a set still being built";
+    ASSERT_EQ(j2->commit(b), StatusCode::Success);
+    syncer.join();
+    EXPECT_TRUE(j2->journalsClean());
+    EXPECT_EQ(generationOf(0, 1, 1), 2);
+    EXPECT_EQ(generationOf(0, 2, 1), 3);
+}
+
+TEST_F(J2Manager_, FlushIfOverHalfFullSpillsOnlyAHalfFullJournal) {
+    loadDisks({"16M"});
+    bootAndLoad();
+    IOTracker a(READ_WRITE);
+    ASSERT_EQ(write(a, 0, 0, 100, 1), StatusCode::Success);
+    ASSERT_EQ(j2->commit(a), StatusCode::Success);
+    j2->flushIfOverHalfFull();
+    EXPECT_FALSE(j2->journalsClean());
+    IOTracker b(READ_WRITE);
+    ASSERT_EQ(write(b, 0, 100, 400, 1), StatusCode::Success);
+    ASSERT_EQ(j2->commit(b), StatusCode::Success);
+    j2->flushIfOverHalfFull();
+    EXPECT_TRUE(j2->journalsClean());
+}
