@@ -305,3 +305,31 @@ TEST_F(J2Manager_, FlushIfOverHalfFullSpillsOnlyAHalfFullJournal) {
     j2->flushIfOverHalfFull();
     EXPECT_TRUE(j2->journalsClean());
 }
+
+TEST_F(J2Manager_, ASetOverThreeSlotsHasOneRecordInEachOfThemWithOneId) {
+    loadDisks({"16M", "16M", "16M", "16M"});
+    bootAndLoad();
+    IOTracker t(READ_WRITE);
+    ASSERT_EQ(write(t, 0, 8, 1, 1), StatusCode::Success);
+    ASSERT_EQ(write(t, 2, 8, 2, 1), StatusCode::Success);
+    ASSERT_EQ(write(t, 3, 8, 1, 1), StatusCode::Success);
+    ASSERT_EQ(write(t, 0, 9, 1, 1), StatusCode::Success);
+    ASSERT_EQ(j2->commit(t), StatusCode::Success);
+    for (unsigned s = 0; s < 4; ++s) {
+        auto* head = reinterpret_cast<const AtomicSetHead*>(partition() + ctrlOffset(s));
+        if (s == 1) {
+            EXPECT_EQ(head->getMark(), 0) << "no record in a slot the set does not touch";
+            EXPECT_EQ(j2->header().diskHeaders[1].getClean(), 1);
+            continue;
+        }
+        EXPECT_EQ(head->getMark(), kMark) << s;
+        EXPECT_EQ(head->getId(), t.getID()) << s;
+        EXPECT_EQ(head->getNumTran(), s == 0 ? 2 : 1) << s;
+        auto* tr = reinterpret_cast<const J2Transaction*>(partition() + ctrlOffset(s) + kSetHeadSize);
+        EXPECT_EQ(tr[0].getPlace(), kFirstPayloadSector) << s;
+        // The next record place is cleared.
+        auto* next = reinterpret_cast<const AtomicSetHead*>(partition() + ctrlOffset(s) + recordSize(head->getNumTran()));
+        EXPECT_EQ(next->getId(), 0u);
+        EXPECT_EQ(next->getMark(), 0);
+    }
+}
