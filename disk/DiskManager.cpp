@@ -7,6 +7,7 @@
 #include "disk/DiskPowerManager.h"
 #include "disk/DriveAdapter.h"
 #include "disk/ErrorPolicy.h"
+#include "journal/j2/J2Manager.h"
 #include "management/SystemPolicy.h"
 #include "system/SystemManager.h"
 #include "util/Assert.h"
@@ -159,7 +160,8 @@ StatusCode DiskManager::LoadDiskPack(bool) {
             reportDiskFail(s);
         }
     }
-    // The journal's soft start (replay of dirty journalettes) joins here with the journal.
+    // J2: replay each dirty journalette to its disk, matched by identity.
+    J2Manager::GetInstance()->startSoft();
     mLoaded = true;
     return StatusCode::Success;
 }
@@ -337,8 +339,9 @@ StatusCode DiskManager::WriteData(int slot, const DiskPane* panes, size_t n, uin
         return StatusCode::InternalError;
     }
     if (noDiskWrites()) return StatusCode::Success;
-    // Metadata writes of a journalled transaction go into the journal once it
-    // exists; until then they are written straight through.
+    // J2: a metadata write of a transaction goes into the journal's set, not
+    // to the disk; it reaches the disk when its journalette is spilled.
+    if (tracker.isMeta()) return J2Manager::GetInstance()->writeData(uint16_t(slot), panes, n, lba, tracker);
     if (tracker.flags & IOTracker::kFailNextIo) return StatusCode::MediaError;
     return WriteData(slot, panes, n, lba, flags);
 }
@@ -548,8 +551,9 @@ void DiskManager::reportDiskFail(int slot) {
 
 void DiskManager::notifyPackLayers(int slot, bool add) {
     // The journal and the pack manager hear of each disk that comes or goes,
-    // the journal first; both join here as they are built.
+    // the journal first; the pack manager joins here when it is built.
     ESA_TRACE(dmTrace, "DM: slot " << slot << (add ? " added" : " removed"));
+    J2Manager::GetInstance()->hotPlug(uint16_t(slot), add ? hotAdd : hotRemove);
 }
 
 StatusCode DiskManager::AddDisk(int slot) {

@@ -1,0 +1,64 @@
+#include "journal/j2/J2Nvram.h"
+
+#include <atomic>
+#include <cstring>
+
+#include "util/CrashPoint.h"
+#include "util/Endian.h"
+
+namespace {
+J2Nvram::CutHook& hook() {
+    static J2Nvram::CutHook h;
+    return h;
+}
+
+// Copies in 32-bit words when both ends are word aligned: the memory behind
+// the partition takes word stores best.
+void copyOrdered(unsigned char* to, const unsigned char* from, size_t bytes) {
+    if ((reinterpret_cast<uintptr_t>(to) | reinterpret_cast<uintptr_t>(from) | bytes) % 4 == 0) {
+        auto* d = reinterpret_cast<uint32_t*>(to);
+        auto* s = reinterpret_cast<const uint32_t*>(from);
+        for (size_t i = 0; i < bytes / 4; ++i) d[i] = s[i];
+    } else {
+        std::memcpy(to, from, bytes);
+    }
+}
+}  // namespace
+
+void J2Nvram::setCutHook(CutHook h) { hook() = std::move(h); }
+
+bool J2Nvram::reached(const char* point) {
+    CrashPoint(point);
+    const CutHook& h = hook();
+    return !h || h(point);
+}
+
+void J2Nvram::store16(void* at, uint16_t value, const char* point) {
+    if (!reached(point)) return;
+    putLE16(static_cast<uint8_t*>(at), value);
+    std::atomic_thread_fence(std::memory_order_release);
+}
+
+void J2Nvram::store32(void* at, uint32_t value, const char* point) {
+    if (!reached(point)) return;
+    putLE32(static_cast<uint8_t*>(at), value);
+    std::atomic_thread_fence(std::memory_order_release);
+}
+
+void J2Nvram::store64(void* at, uint64_t value, const char* point) {
+    if (!reached(point)) return;
+    putLE64(static_cast<uint8_t*>(at), value);
+    std::atomic_thread_fence(std::memory_order_release);
+}
+
+void J2Nvram::storeBytes(void* at, const void* from, size_t bytes, const char* point) {
+    if (!reached(point)) return;
+    copyOrdered(static_cast<unsigned char*>(at), static_cast<const unsigned char*>(from), bytes);
+    std::atomic_thread_fence(std::memory_order_release);
+}
+
+void J2Nvram::zero(void* at, size_t bytes, const char* point) {
+    if (!reached(point)) return;
+    std::memset(at, 0, bytes);
+    std::atomic_thread_fence(std::memory_order_release);
+}

@@ -1,0 +1,31 @@
+#pragma once
+// J2Nvram: the one way J2 stores to battery-backed memory. Atomicity of a set
+// over several journalettes rests on the order of these stores (the record
+// body, the next record's head cleared, `clean`, then the marks slot by
+// slot), so each store is finished, with a release fence, before the next
+// begins, and none is merged or reordered by the compiler.
+//
+// Every store, and every disk write or flush of a spill, is a named cut
+// point: CrashPoint(name) ends the process there when armed, and a test hook
+// decides whether power is still on. Once the hook has said "off", later
+// stores are dropped, exactly as if the board had lost power at that point.
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+
+class J2Nvram {
+public:
+    // The test hook: called at every cut point with its name; returns false
+    // when power is off from this point on.
+    using CutHook = std::function<bool(const char* point)>;
+    static void setCutHook(CutHook hook);
+
+    // True when the work at `point` may go ahead (power is on).
+    static bool reached(const char* point);
+
+    static void store16(void* at, uint16_t value, const char* point);
+    static void store32(void* at, uint32_t value, const char* point);
+    static void store64(void* at, uint64_t value, const char* point);
+    static void storeBytes(void* at, const void* from, size_t bytes, const char* point);
+    static void zero(void* at, size_t bytes, const char* point);
+};
