@@ -341,7 +341,8 @@ StatusCode DiskManager::WriteData(int slot, const DiskPane* panes, size_t n, uin
     if (noDiskWrites()) return StatusCode::Success;
     // J2: a metadata write of a transaction goes into the journal's set, not
     // to the disk; it reaches the disk when its journalette is spilled.
-    if (tracker.isMeta()) return J2Manager::GetInstance()->writeData(uint16_t(slot), panes, n, lba, tracker);
+    if (tracker.isMeta() && J2Manager::GetInstance()->journalling())
+        return J2Manager::GetInstance()->writeData(uint16_t(slot), panes, n, lba, tracker);
     if (tracker.flags & IOTracker::kFailNextIo) return StatusCode::MediaError;
     return WriteData(slot, panes, n, lba, flags);
 }

@@ -48,8 +48,10 @@ void IOTracker::lockRelease() {
 }
 
 StatusCode IOTracker::commit() {
-    if (journal.commit) return journal.commit(*this);
+    // Counted first, journal or not, so that a scope committer knows that the
+    // owner committed and does not commit a second time.
     mShared->commits.fetch_add(1, std::memory_order_relaxed);
+    if (journal.commit) return journal.commit(*this);
     lockRelease();
     return StatusCode::Success;
 }

@@ -36,6 +36,10 @@ enum hotOperation : unsigned short { hotAdd = 0, hotRemove = 1 };
 
 class J2Manager : public ManagerBase {
 public:
+    // True once Initialize has found or made the journal in battery-backed
+    // memory; before that (and in programs without a journal) metadata
+    // writes go straight to the disks.
+    bool journalling() const { return mInitialized; }
     static J2Manager* GetInstance();
     // Tests model a restart with their own instance over the same partition;
     // without threads, spills run in the caller and there is no idle timer.
