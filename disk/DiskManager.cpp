@@ -273,45 +273,44 @@ StatusCode DiskManager::injected(int slot, bool write) {
     return StatusCode::Success;
 }
 
-StatusCode DiskManager::readPanes(int slot, const DiskPane* panes, size_t n, uint64_t lba) {
-    DiskObject* d = mDisks[slot].get();
+namespace {
+// Hands the panes to the disk in scatter lists, one list at a time, each
+// command starting where the last one ended; stops at the first failure.
+template <class Issue>
+StatusCode inScatterLists(const DiskPane* panes, size_t n, uint64_t lba, Issue issue) {
     DiskSGL* list = DiskSGL::Allocate();
     StatusCode st = StatusCode::Success;
-    auto issue = [&] {
+    auto flush = [&] {
         uint32_t sectors = list->sectors();
-        st = DiskErrorHandler(slot, DiskCommand::ReadSGL, lba, d->ReadSGLData(list, lba, sectors));
+        st = issue(list, lba, sectors);
         lba += sectors;
         list->clear();
     };
     for (size_t i = 0; i < n && st == StatusCode::Success; ++i) {
-        if (list->full()) issue();
+        if (list->full()) flush();
         if (st == StatusCode::Success) list->append(panes[i].address, panes[i].length);
     }
-    if (st == StatusCode::Success && list->entries()) issue();
+    if (st == StatusCode::Success && list->entries()) flush();
     DiskSGL::Free(list);
     return st;
+}
+}  // namespace
+
+StatusCode DiskManager::readPanes(int slot, const DiskPane* panes, size_t n, uint64_t lba) {
+    DiskObject* d = mDisks[slot].get();
+    return inScatterLists(panes, n, lba, [&](DiskSGL* list, uint64_t at, uint32_t sectors) {
+        return DiskErrorHandler(slot, DiskCommand::ReadSGL, at, d->ReadSGLData(list, at, sectors));
+    });
 }
 
 StatusCode DiskManager::writePanes(int slot, const DiskPane* panes, size_t n, uint64_t lba) {
     DiskObject* d = mDisks[slot].get();
-    DiskSGL* list = DiskSGL::Allocate();
-    StatusCode st = StatusCode::Success;
-    auto issue = [&] {
-        uint32_t sectors = list->sectors();
-        StatusCode raw = d->WriteSGLData(list, lba, sectors);
+    return inScatterLists(panes, n, lba, [&](DiskSGL* list, uint64_t at, uint32_t sectors) {
+        StatusCode raw = d->WriteSGLData(list, at, sectors);
         if (raw == StatusCode::DM_RecoveredError) ESA_TRACE(dmTrace, "slot " << slot << " had recovered disk error");
         if (raw == StatusCode::DM_RecoveredChannel) ESA_TRACE(dmTrace, "slot " << slot << " had recovered channel error");
-        st = DiskErrorHandler(slot, DiskCommand::WriteSGL, lba, raw);
-        lba += sectors;
-        list->clear();
-    };
-    for (size_t i = 0; i < n && st == StatusCode::Success; ++i) {
-        if (list->full()) issue();
-        if (st == StatusCode::Success) list->append(panes[i].address, panes[i].length);
-    }
-    if (st == StatusCode::Success && list->entries()) issue();
-    DiskSGL::Free(list);
-    return st;
+        return DiskErrorHandler(slot, DiskCommand::WriteSGL, at, raw);
+    });
 }
 
 StatusCode DiskManager::ReadData(int slot, const DiskPane* panes, size_t n, uint64_t lba, IOTracker& tracker) {
