@@ -51,11 +51,21 @@ uint8_t* MultiIssueDriver::writeBuffer(TargetCommand& cmd) {
     return mRegions.journal + size_t(id) * kJournalSlotBytes;
 }
 
+bool MultiIssueDriver::flushPendingReleasesLocked() {
+    bool posted = false;
+    while (!mPendingReleases.empty() && td::commandRingPut(*mRegions.multiCommands, mPendingReleases.front())) {
+        mPendingReleases.pop_front();
+        posted = true;
+    }
+    return posted;
+}
+
 void MultiIssueDriver::post(const td::CommandBlock& block) {
     for (;;) {
         {
             std::lock_guard<std::mutex> g(mLock);
-            if (td::commandRingPut(*mRegions.multiCommands, block)) break;
+            flushPendingReleasesLocked();
+            if (mPendingReleases.empty() && td::commandRingPut(*mRegions.multiCommands, block)) break;
         }
         std::this_thread::yield();  // the ring is full: the system is behind
     }
@@ -94,6 +104,12 @@ void MultiIssueDriver::responseLoop() {
             complete(rsp);
             any = true;
         }
+        bool posted;
+        {
+            std::lock_guard<std::mutex> g(mLock);
+            posted = flushPendingReleasesLocked();
+        }
+        if (posted && td::consumerSleeping(td::commandRingSleepWord(*mRegions.multiCommands))) semGive(mCommandSem);
         if (any && td::spinForWork(mRegions.multiResponses->header)) continue;
         Le32& sleeping = td::responseRingSleepWord(*mRegions.multiResponses);
         if (td::prepareToSleep(sleeping, mRegions.multiResponses->header)) semTake(mResponseSem, td::kWaitSlice);
@@ -149,6 +165,13 @@ void MultiIssueDriver::release(TargetCommand& cmd) {
         td::CommandBlock b = {};
         b.flags = td::kCmdResRelease;
         b.tag = handle;
-        post(b);
+        // Never waits: a full command ring keeps the release for later.
+        {
+            std::lock_guard<std::mutex> g(mLock);
+            flushPendingReleasesLocked();
+            if (!mPendingReleases.empty() || !td::commandRingPut(*mRegions.multiCommands, b))
+                mPendingReleases.push_back(b);
+        }
+        if (td::consumerSleeping(td::commandRingSleepWord(*mRegions.multiCommands))) semGive(mCommandSem);
     }
 }

@@ -23,6 +23,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -69,6 +70,11 @@ private:
     std::condition_variable mFreed;
     std::vector<Request> mRequests;
     std::vector<uint32_t> mFreeRequests;
+    // Releases that found the command ring full. The response thread must
+    // never wait for room in the command ring: the system side may itself be
+    // waiting for room in the response ring, which only this thread drains.
+    std::deque<td::CommandBlock> mPendingReleases;
+    bool flushPendingReleasesLocked();
     std::thread mRx;
     std::atomic<bool> mStopping{false};
 };
