@@ -22,7 +22,7 @@ void CRTRangeContext::DisplayContext(std::ostream& out) { range(out, mOp, mTrack
 
 void CROContext::DisplayContext(std::ostream& out) {
     out << "CRO ";
-    range(out, mOp, mTracker, mSet, mStart, mLength);
+    CRTRangeContext::DisplayContext(out);
 }
 
 void CTOContext::DisplayContext(std::ostream& out) {

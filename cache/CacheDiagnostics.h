@@ -55,17 +55,8 @@ private:
 };
 
 // An operation on one cached range (a read or write-back of a CRO).
-class CROContext : public DiagnosticContext {
+class CROContext : public CRTRangeContext {
 public:
-    CROContext(const char* op, CacheRangeTracker& t, uint32_t set, uint64_t start, uint32_t length)
-        : DiagnosticContext(CacheManagerDiagnosticsHandler()), mOp(op), mTracker(t), mSet(set), mStart(start),
-          mLength(length) {}
+    using CRTRangeContext::CRTRangeContext;
     void DisplayContext(std::ostream& out) override;
-
-private:
-    const char* mOp;
-    CacheRangeTracker& mTracker;
-    uint32_t mSet;
-    uint64_t mStart;
-    uint32_t mLength;
 };

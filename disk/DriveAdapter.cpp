@@ -205,14 +205,21 @@ int CheckDrivePresent(int slot) {
 
 int ResetDrive(int slot) { return simple(slot, DriveOp::Reset) == 0 ? 0 : -1; }
 
-uint32_t GetDriveFeatures(int slot, uint16_t features[6], uint32_t timeoutSeconds) {
-    alignas(32) uint8_t identify[512];
+namespace {
+// Reads the drive's 512-byte IDENTIFY data; 0 or the driver's status.
+uint32_t readIdentify(int slot, uint8_t* identify, uint32_t timeoutSeconds) {
     DriveCommand c{};
     c.block.opcode = DriveOp::Identify;
     c.block.timeout = timeoutSeconds;
     c.block.entryCount = 1;
     c.entries[0] = {1, uint64_t(uintptr_t(identify))};
-    uint32_t status = issue(slot, c);
+    return issue(slot, c);
+}
+}  // namespace
+
+uint32_t GetDriveFeatures(int slot, uint16_t features[6], uint32_t timeoutSeconds) {
+    alignas(32) uint8_t identify[512];
+    uint32_t status = readIdentify(slot, identify, timeoutSeconds);
     if (status != 0) return status;
     for (int w = 0; w < 6; ++w) features[w] = uint16_t(identify[(82 + w) * 2] | identify[(82 + w) * 2 + 1] << 8);
     return 0;
@@ -220,12 +227,7 @@ uint32_t GetDriveFeatures(int slot, uint16_t features[6], uint32_t timeoutSecond
 
 uint32_t GetIdentityOfDrive(int slot, char model[41], char revision[9], char serial[21], uint32_t timeoutSeconds) {
     alignas(32) uint8_t identify[512];
-    DriveCommand c{};
-    c.block.opcode = DriveOp::Identify;
-    c.block.timeout = timeoutSeconds;
-    c.block.entryCount = 1;
-    c.entries[0] = {1, uint64_t(uintptr_t(identify))};
-    uint32_t status = issue(slot, c);
+    uint32_t status = readIdentify(slot, identify, timeoutSeconds);
     if (status != 0) return status;
     swappedString(identify, 10, 20, serial);
     swappedString(identify, 23, 8, revision);

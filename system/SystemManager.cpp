@@ -186,7 +186,7 @@ void SystemManager::safeReboot(const char* reason) {
     ESA_CONSOLE("... forcing standby");
     // Standby, until the power Part replaces it: an orderly unload of the pack.
     {
-        std::lock_guard<std::recursive_mutex> g(rStandbyLock);
+        ReentrantLockObject::LockInstance g(&rStandbyLock);
         if (mPackLoaded) UnloadDiskPack();
     }
     ESA_CONSOLE("REBOOTING ... see you on the other side ... ");

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "system/EventManager.h"
+#include "util/ReentrantLockObject.h"
 #include "util/StatusCode.h"
 #include "util/Trace.h"
 
@@ -142,7 +143,7 @@ private:
     bool mPreviousShutdownClean = true;
     std::string mBuildDate, mVersion, mSpare;
     bool mInStandby = false, mStandbyRequested = false;
-    std::recursive_mutex rStandbyLock;  // "rStandbyLock", level 26
+    ReentrantLockObject rStandbyLock{"rStandbyLock", 26};
     bool mHotPlugIgnore = false;
     int mSystemState = 0;
     bool mNoHost = false;

@@ -137,7 +137,6 @@ int boardSyscall(unsigned number, intptr_t a0, intptr_t a1, intptr_t a2, intptr_
                  intptr_t a6, intptr_t a7) {
     Board& board = Board::GetInstance();
     board.log("syscall " + hex(number) + " " + hex(uintptr_t(a0)) + " " + hex(uintptr_t(a1)));
-    auto cfg = board.config();
     switch (number) {
     case BoardSyscall::Restart:
         board.restart("syscall");
@@ -152,17 +151,17 @@ int boardSyscall(unsigned number, intptr_t a0, intptr_t a1, intptr_t a2, intptr_
         return 0;
     }
     case BoardSyscall::ReadSerialNumber: {
-        std::string s = cfg.value("serialNumber", std::string("ESA0000000001"));
+        std::string s = board.config().value("serialNumber", std::string("ESA0000000001"));
         std::memset(reinterpret_cast<char*>(a0), 0, 256);
         std::memcpy(reinterpret_cast<char*>(a0), s.data(), std::min<size_t>(255, s.size()));
         return 0;
     }
     case BoardSyscall::BootedOnBattery:
-        return cfg.value("battery", nlohmann::json::object()).value("bootedOnBattery", false) ? 1 : 0;
+        return board.config().value("battery", nlohmann::json::object()).value("bootedOnBattery", false) ? 1 : 0;
     case BoardSyscall::ReadPlatformId:
-        return cfg.value("platformId", 4);
+        return board.config().value("platformId", 4);
     case BoardSyscall::ReadLabUnitFlag:
-        return cfg.value("labUnit", false) ? 1 : 0;
+        return board.config().value("labUnit", false) ? 1 : 0;
     case BoardSyscall::Pmu:
         return pmu(a0, a1);
     case BoardSyscall::SetMaxLunCount:

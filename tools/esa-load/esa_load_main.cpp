@@ -26,6 +26,7 @@ extern "C" {
 #include <iscsi/scsi-lowlevel.h>
 }
 
+#include "tools/common/ByteSize.h"
 #include "tools/esa-load/VerifyBlock.h"
 
 namespace {
@@ -45,21 +46,6 @@ struct Options {
     uint32_t sessions = 1;
     uint64_t range = 0;
 };
-
-bool parseBytes(const char* text, uint64_t& out) {
-    char* end = nullptr;
-    unsigned long long v = std::strtoull(text, &end, 10);
-    if (end == text) return false;
-    switch (*end) {
-    case 'k': case 'K': v <<= 10; ++end; break;
-    case 'm': case 'M': v <<= 20; ++end; break;
-    case 'g': case 'G': v <<= 30; ++end; break;
-    default: break;
-    }
-    if (*end != 0) return false;
-    out = v;
-    return true;
-}
 
 int usage(const char* why) {
     std::fprintf(stderr,
@@ -320,7 +306,7 @@ int main(int argc, char** argv) {
             else if (!std::strcmp(v, "mix")) o.rw = Options::Rw::Mix;
             else return usage("--rw is read, write or mix");
         } else if (a == "--bs") {
-            if (!parseBytes(v, n) || n == 0 || n % verify::kSector || n > (1u << 24)) return usage("bad --bs");
+            if (!parseByteSize(v, n) || n == 0 || n % verify::kSector || n > (1u << 24)) return usage("bad --bs");
             o.bs = uint32_t(n);
         } else if (a == "--qd") {
             o.qd = uint32_t(std::atoi(v));
@@ -329,14 +315,14 @@ int main(int argc, char** argv) {
             o.seconds = std::atof(v);
             if (o.seconds <= 0) return usage("bad --seconds");
         } else if (a == "--bytes") {
-            if (!parseBytes(v, o.bytes) || o.bytes == 0) return usage("bad --bytes");
+            if (!parseByteSize(v, o.bytes) || o.bytes == 0) return usage("bad --bytes");
         } else if (a == "--seed") {
             o.seed = std::strtoull(v, nullptr, 0);
         } else if (a == "--sessions") {
             o.sessions = uint32_t(std::atoi(v));
             if (o.sessions < 1 || o.sessions > 64) return usage("bad --sessions");
         } else if (a == "--range") {
-            if (!parseBytes(v, o.range) || o.range == 0) return usage("bad --range");
+            if (!parseByteSize(v, o.range) || o.range == 0) return usage("bad --range");
         } else {
             return usage(("unknown option " + a).c_str());
         }

@@ -17,6 +17,7 @@
 #include <string>
 
 #include "platform/target/CommandQueueDriver.h"
+#include "tools/common/ByteSize.h"
 #include "platform/target/IscsiTarget.h"
 #include "platform/target/MultiIssueDriver.h"
 #include "platform/target/RamRingResponder.h"
@@ -24,21 +25,6 @@
 #include "platform/target/TargetLunTable.h"
 
 namespace {
-
-bool parseSize(const char* text, uint64_t& out) {
-    char* end = nullptr;
-    unsigned long long v = std::strtoull(text, &end, 10);
-    if (end == text) return false;
-    switch (*end) {
-    case 'k': case 'K': v <<= 10; ++end; break;
-    case 'm': case 'M': v <<= 20; ++end; break;
-    case 'g': case 'G': v <<= 30; ++end; break;
-    default: break;
-    }
-    if (*end != 0 || v < 4096) return false;
-    out = v;
-    return true;
-}
 
 int usage() {
     std::fprintf(stderr,
@@ -68,7 +54,7 @@ int main(int argc, char** argv) {
             luns = uint32_t(std::atoi(v));
             if (luns < 1 || luns > TargetLunTable::kMaxLuns) return usage();
         } else if (a == "--size") {
-            if (!parseSize(v, size)) return usage();
+            if (!parseByteSize(v, size) || size < 4096) return usage();
         } else if (a == "--target-name") {
             config.targetName = v;
         } else if (a == "--chap") {
