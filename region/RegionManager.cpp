@@ -1,5 +1,8 @@
 #include "region/RegionManager.h"
 
+#include "disk/DisSector.h"
+#include "disk/DiskPackManager.h"
+
 // Until the Region layer is built every call refuses with FunctionNotImplemented.
 namespace {
 constexpr StatusCode kNotYet = StatusCode::FunctionNotImplemented;
@@ -10,10 +13,22 @@ RegionManager* RegionManager::GetInstance() {
     return &instance;
 }
 
-StatusCode RegionManager::LoadDisk(uint16_t) { return kNotYet; }
-StatusCode RegionManager::CreateDisk(uint16_t, uint32_t&, uint32_t&, bool&) { return kNotYet; }
+// The pack layer's view for now: every disk takes its metadata at the usual
+// places beside DIS ranges 0 and 1, and nothing is written.
+StatusCode RegionManager::LoadDisk(uint16_t) { return StatusCode::Success; }
+StatusCode RegionManager::CreateDisk(uint16_t ld, uint32_t& lba0, uint32_t& lba1, bool&) {
+    uint32_t capacity = 0;
+    StatusCode st = DiskPackManager::GetInstance()->getCapacity(ld, capacity);
+    if (st != StatusCode::Success) return st;
+    lba0 = 0x480;
+    lba1 = disRangesFor(capacity)[1].first + 0x80 + 0x400;
+    return StatusCode::Success;
+}
 StatusCode RegionManager::RemoveDisk(uint16_t) { return kNotYet; }
-StatusCode RegionManager::CheckRMMetaData(uint16_t, uint32_t&) { return kNotYet; }
+StatusCode RegionManager::CheckRMMetaData(uint16_t, uint32_t& padding) {
+    padding = 1;
+    return StatusCode::Success;
+}
 StatusCode RegionManager::AllocateRegions(uint16_t, uint32_t, uint32_t*, bool, IOTracker&) { return kNotYet; }
 StatusCode RegionManager::FreeRegions(uint16_t, uint32_t, const uint32_t*, IOTracker&) { return kNotYet; }
 StatusCode RegionManager::SetAsAllocated(uint16_t, uint32_t, IOTracker&) { return kNotYet; }
