@@ -111,10 +111,12 @@ TEST(RegionLayout, ScaleFactorsAreTakenOnlyWhereEveryZoneGeometryHolds) {
     EXPECT_TRUE(RegionManager::ScaleFactorUsable(0, why));
     EXPECT_TRUE(RegionManager::ScaleFactorUsable(2, why)) << why;
     EXPECT_FALSE(RegionManager::ScaleFactorUsable(3, why));
-    EXPECT_FALSE(RegionManager::ScaleFactorUsable(6, why));   // does not divide the Region
+    EXPECT_TRUE(RegionManager::ScaleFactorUsable(14, why)) << why;
+    EXPECT_FALSE(RegionManager::ScaleFactorUsable(4, why));   // cuts superstripe lines of a DRStripe type
+    EXPECT_NE(why.find("DRStripe"), std::string::npos) << why;
     EXPECT_FALSE(RegionManager::ScaleFactorUsable(16, why));  // not whole stripe blocks
-    EXPECT_FALSE(why.empty());
-    EXPECT_FALSE(RegionManager::ScaleFactorUsable(86, why));  // too small to hold its metadata
+    EXPECT_FALSE(RegionManager::ScaleFactorUsable(18, why));  // does not divide the Region
+    EXPECT_NE(why.find("does not divide"), std::string::npos) << why;
     // Every factor taken gives a layout that holds the metadata of any disk size.
     for (unsigned long s = 2; s <= 1024; s += 2) {
         if (!RegionManager::ScaleFactorUsable(s, why)) continue;

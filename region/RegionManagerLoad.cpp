@@ -10,6 +10,7 @@
 #include "region/RegionInternal.h"
 #include "region/RegionManager.h"
 #include "system/SystemManager.h"
+#include "util/Endian.h"
 #include "util/PerfAccumulator.h"
 
 using namespace region_internal;
@@ -57,7 +58,10 @@ StatusCode RegionManager::CreateDisk(uint16_t ld, uint32_t& lba0, uint32_t& lba1
     st = disRanges(ld, ranges);
     if (st != StatusCode::Success) return st;
     RegionLayout layout = RegionLayout::forCapacity(capacity, rlba, padding, ranges);
-    if (layout.regions < 2 || !layout.initialCopyLba(0, lba0) || !layout.initialCopyLba(1, lba1)) {
+    // The copies must lie in different Regions, so that neither's spare
+    // places can ever reach the other (only disks of a few Regions fail this).
+    if (layout.regions < 2 || !layout.initialCopyLba(0, lba0) || !layout.initialCopyLba(1, lba1) ||
+        layout.regionOf(lba1) == layout.regionOf(lba0)) {
         ESA_CONSOLE("<<<< RM::CreateDisk: LD #" << ld << " of " << capacity
                                                 << " sectors cannot hold its Region metadata beside the DIS ranges");
         return StatusCode::RM_MetaDataBad;
@@ -151,6 +155,7 @@ void RegionManager::FindFirstFreeRegion(LogicalDiskMap& m) {
 }
 
 StatusCode RegionManager::CheckRMMetaData(uint16_t ld, uint32_t& padding) {
+    ExtendingLockObject::SharedLockInstance g(&mMapLock);
     LogicalDiskMap probe(ld);
     StatusCode st = ReadRMMD(ld, probe, false);
     if (st == StatusCode::Success) padding = probe.header.padding;
@@ -250,47 +255,48 @@ StatusCode RegionManager::ReadRMMD(uint16_t ld, LogicalDiskMap& m, bool allowRep
 
     LogicalDiskMap copies[2] = {LogicalDiskMap(ld), LogicalDiskMap(ld)};
     FoundCopy found[2];
+    uint32_t capacity = 0;
+    st = DiskPackManager::GetInstance()->getCapacity(ld, capacity);
+    if (st != StatusCode::Success) return st;
     for (unsigned c = 0; c < 2; ++c) {
-        // The layout of the copy is known only once a header is read; the
-        // first position needs the bitmap size, which the header gives.
-        LogicalDiskMap probe(ld);
-        uint32_t lba = 0;
-        bool havePosition = false;
-        RegionLayout guess(0, 0, 0, ranges, 0);
-        for (unsigned step = 0; step < 4096; ++step) {
-            if (!havePosition) {
-                // Copy 0 always starts at the same place; copy 1 is placed by
-                // the layout of the disk, known from copy 0's header or, if
-                // none was read, from the pack's Region size.
-                const LogicalDiskMap* ref = found[0].good ? &copies[0] : nullptr;
-                uint32_t rlba = ref ? ref->regionSectors() : mRegionSectors ? mRegionSectors : mNewPackRegionBytes / 512;
-                uint32_t pad = ref ? ref->header.padding : mPadding;
-                uint32_t capacity = 0;
-                if (DiskPackManager::GetInstance()->getCapacity(ld, capacity) != StatusCode::Success) break;
-                guess = RegionLayout::forCapacity(capacity, rlba, pad, ranges);
-                if (!guess.initialCopyLba(c, lba)) break;
-                havePosition = true;
+        // Where a copy starts depends on the disk's Region size and padding,
+        // which only a header tells: the other copy's if it was read, else
+        // the sizes this pack or a new pack would have, then the sizes any
+        // accepted scale factor gives.
+        std::vector<std::pair<uint32_t, uint32_t>> candidates;
+        if (c == 1 && found[0].good) candidates.push_back({copies[0].regionSectors(), copies[0].header.padding});
+        for (uint32_t pad : {mPadding, 1u - std::min(mPadding, 1u)})
+            for (uint32_t rlba : {mRegionSectors, mNewPackRegionBytes / 512, RMLayout::kDefaultRegionBytes / 512,
+                                  RMLayout::kDefaultRegionBytes / 1024, RMLayout::kDefaultRegionBytes / 2048,
+                                  RMLayout::kDefaultRegionBytes / 4096})
+                if (rlba && std::find(candidates.begin(), candidates.end(), std::make_pair(rlba, pad)) == candidates.end())
+                    candidates.push_back({rlba, pad});
+        for (auto [rlba, pad] : candidates) {
+            uint32_t lba = 0;
+            RegionLayout guess = RegionLayout::forCapacity(capacity, rlba, pad, ranges);
+            if (!guess.initialCopyLba(c, lba)) continue;
+            if (found[c].lba == 0) found[c].lba = lba;
+            LogicalDiskMap probe(ld);
+            for (unsigned step = 0; step < 4096; ++step) {
+                probe.header.magic = 0;
+                StatusCode one = ReadRMMDn(ld, lba, probe);
+                if (one == StatusCode::Success && probe.header.copyNumber == c &&
+                    (!found[c].good || newer(probe.header.generation, copies[c].header.generation))) {
+                    copies[c].header = probe.header;
+                    copies[c].bitmap = probe.bitmap;
+                    copies[c].capacity = probe.capacity;
+                    found[c] = {true, lba, StatusCode::Success};
+                } else if (!found[c].good && found[c].status == StatusCode::RM_MetaDataBad) {
+                    found[c].status = one;
+                }
+                // A readable sector that is not a header ends the walk.
+                if (one == StatusCode::RM_MetaDataBad && probe.header.magic != RMLayout::kHeaderMagic) break;
+                uint32_t next = 0;
+                RegionLayout stepLayout = found[c].good ? layoutOf(copies[c], ranges) : guess;
+                if (!stepLayout.nextCopyLba(lba, next)) break;
+                lba = next;
             }
-            probe.header.magic = 0;
-            StatusCode one = ReadRMMDn(ld, lba, probe);
-            if (one == StatusCode::Success && probe.header.copyNumber == c &&
-                (!found[c].good || newer(probe.header.generation, copies[c].header.generation))) {
-                copies[c].header = probe.header;
-                copies[c].bitmap = probe.bitmap;
-                copies[c].capacity = probe.capacity;
-                found[c].good = true;
-                found[c].lba = lba;
-                found[c].status = StatusCode::Success;
-            } else if (!found[c].good) {
-                if (step == 0) found[c].lba = lba;
-                found[c].status = one;
-            }
-            // A readable sector that is not a header ends the walk.
-            if (one == StatusCode::RM_MetaDataBad && probe.header.magic != RMLayout::kHeaderMagic) break;
-            uint32_t next = 0;
-            RegionLayout stepLayout = found[c].good ? layoutOf(copies[c], ranges) : guess;
-            if (!stepLayout.nextCopyLba(lba, next)) break;
-            lba = next;
+            if (found[c].good) break;
         }
         if (!found[c].good)
             ESA_CONSOLE(who << ld << (c == 0 ? ". Primary metadata bad! Status: " : ". Secondary metadata bad! Status: ")
@@ -330,13 +336,23 @@ StatusCode RegionManager::ReadRMMD(uint16_t ld, LogicalDiskMap& m, bool allowRep
     m.rmLba[0] = found[0].lba;
     m.rmLba[1] = found[1].lba;
     if (!found[1].good && !found[0].good) return StatusCode::RM_MetaDataBad;
-    // A copy never found anywhere is rewritten at its first position.
+    // A copy that was not found is rewritten where its walk ends: the last
+    // place that still shows a header or cannot be read (where it lived
+    // last), or its first place on a disk that never had it.
     for (unsigned c = 0; c < 2; ++c)
         if (!found[c].good) {
-            std::array<RegionLayout::Range, 3> r = ranges;
-            RegionLayout l = layoutOf(m, r);
+            RegionLayout l = layoutOf(m, ranges);
             uint32_t lba = 0;
-            if (found[c].lba == 0 && l.initialCopyLba(c, lba)) m.rmLba[c] = lba;
+            if (!l.initialCopyLba(c, lba)) continue;
+            m.rmLba[c] = lba;
+            IOTracker probe(READ_ONLY);
+            for (unsigned step = 0; step < 4096; ++step) {
+                uint8_t sector[512];
+                StatusCode rd = readSectors(ld, sector, 1, lba, probe);
+                if (rd == StatusCode::Success && getBE32(sector) != RMLayout::kHeaderMagic) break;
+                m.rmLba[c] = lba;
+                if (!l.nextCopyLba(lba, lba)) break;
+            }
         }
     FindFirstFreeRegion(m);
     if (good[0] && good[1]) return StatusCode::Success;
@@ -357,8 +373,10 @@ StatusCode RegionManager::ReadRMMD(uint16_t ld, LogicalDiskMap& m, bool allowRep
     StatusCode committed = tracker.commit();
     if (st == StatusCode::Success) st = committed;
     if (st != StatusCode::Success) {
+        // The good copy stands in memory; the damaged one is mended at the
+        // next write that succeeds, or moved when its sectors are reported bad.
         ESA_CONSOLE(who << ld << ". Unable to repair metadata! Status: " << st);
-        return st;
+        return StatusCode::Success;
     }
     ESA_CONSOLE("Repaired metadata in memory and on disk for logical disk " << ld);
     ESA_CONSOLE("RM::ReadRMMD:  repaired " << copyName(bad) << " (metadata for logical disk " << ld << ")");

@@ -4,6 +4,7 @@
 
 #include "disk/DisSector.h"
 #include "include/DrivePackInfo.h"
+#include "system/FlashConfigData.h"
 #include "region/RegionTestSupport.h"
 
 namespace {
@@ -304,4 +305,53 @@ TEST_F(RegionManagerTest, CreateOfAnExistingDiskAndLoadWithoutDisksAreRefused) {
     EXPECT_EQ(rm()->CreateDisk(0, a, b, keep), StatusCode::RM_DiskExists);
     ASSERT_EQ(dm()->RemoveDisk(0), StatusCode::Success);
     EXPECT_EQ(reload(), StatusCode::RM_NoDisks);
+}
+
+class RegionScaleFactorTest : public RegionTestFixture {
+protected:
+    void TearDown() override {
+        FlashConfigData::GetInstance()->SetValueUint32(FlashConfigData::RegionScaleFactor, 0);
+        rm()->Initialize();
+        RegionTestFixture::TearDown();
+    }
+    std::string initializeWith(unsigned long factor) {
+        EXPECT_EQ(FlashConfigData::GetInstance()->SetValueUint32(FlashConfigData::RegionScaleFactor, factor),
+                  StatusCode::Success);
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(rm()->Initialize(), StatusCode::Success);
+        return testing::internal::GetCapturedStdout();
+    }
+};
+
+TEST_F(RegionScaleFactorTest, UnusableFactorsAreRefusedWithAMessageAndUsableOnesShrinkNewPacks) {
+    std::string out = initializeWith(3);
+    EXPECT_NE(out.find(">>>> RM::Initialize: Invalid regionScaleFactor: 3"), std::string::npos) << out;
+    EXPECT_EQ(rm()->NewPackRegionBytes(), 0x2AA8000u);
+    out = initializeWith(4);
+    EXPECT_NE(out.find("Invalid regionScaleFactor: 4 (a Region of"), std::string::npos) << out;
+    EXPECT_EQ(rm()->NewPackRegionBytes(), 0x2AA8000u);
+
+    initializeWith(14);
+    ASSERT_EQ(rm()->NewPackRegionBytes(), 0x2AA8000u / 14);
+    makePack({"20G"});
+    const uint32_t rlba = kRlba / 14;
+    EXPECT_EQ(rm()->RegionSizeBytes(), uint64_t(rlba) * 512);
+    EXPECT_EQ(SystemDrivePackInfo::GetInstance()->GetRegionSize(), uint64_t(rlba) * 512);
+    Copy c = readCopy(0, 0x480);
+    ASSERT_TRUE(c.header.valid);
+    EXPECT_EQ(c.header.regionSectors, rlba);
+    // The pack keeps its own size when the setting changes back.
+    initializeWith(0);
+    ASSERT_EQ(reload(), StatusCode::Success);
+    EXPECT_EQ(rm()->RegionSizeBytes(), uint64_t(rlba) * 512);
+    IOTracker t(READ_WRITE);
+    uint32_t r = 0;
+    ASSERT_EQ(rm()->AllocateRegions(0, 1, &r, false, t), StatusCode::Success);
+    auto data = pattern(4096, 5);
+    DataWindow w = windowOf(data);
+    ASSERT_EQ(rm()->WriteData(0, r, rlba * 512 - 4096, w, t), StatusCode::Success);
+    DataWindow one(512, 0, 512);
+    EXPECT_EQ(rm()->WriteData(0, r, rlba * 512, one, t), StatusCode::RM_BadOffset);
+    ASSERT_EQ(t.commit(), StatusCode::Success);
+    EXPECT_EQ(raw(0, uint64_t(r) * (rlba + 1) + rlba - 8, 8), data);
 }
