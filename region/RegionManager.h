@@ -22,6 +22,7 @@
 #include "include/IORequest.h"
 #include "include/ManagerBase.h"
 #include "region/LogicalDiskMap.h"
+#include "region/RegionLayout.h"
 #include "region/RecoveryBlock.h"
 #include "util/DataWindow.h"
 #include "util/ErrorInjection/ErrorInjection.h"
@@ -119,6 +120,9 @@ private:
     StatusCode LoadDiskInternal(uint16_t ld);
     StatusCode ReadRMMD(uint16_t ld, LogicalDiskMap& map, bool allowRepair);
     StatusCode ReadRMMDn(uint16_t ld, uint32_t lba, LogicalDiskMap& map);
+    void FindCopy(uint16_t ld, unsigned copy, uint32_t capacity, const std::array<RegionLayout::Range, 3>& ranges,
+                  const LogicalDiskMap* other, LogicalDiskMap& best, struct FoundCopy& found);
+    uint32_t LastCopyPlace(uint16_t ld, unsigned copy, const RegionLayout& layout);
     StatusCode WriteRMMD(LogicalDiskMap& map, uint32_t bitmapStartSector, uint32_t bitmapSectors,
                          IOTracker& tracker, bool force);
     StatusCode WriteBitmapChange(LogicalDiskMap& map, uint32_t lowRegion, uint32_t highRegion, IOTracker& tracker);
