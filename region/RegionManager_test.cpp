@@ -1,6 +1,8 @@
 // The Region layer on simulated disks: what a new pack puts on the disks,
 // allocation and its persistence, and Region I/O at every boundary.
+#include <algorithm>
 #include <set>
+#include <thread>
 
 #include "disk/DisSector.h"
 #include "include/DrivePackInfo.h"
@@ -354,4 +356,108 @@ TEST_F(RegionScaleFactorTest, UnusableFactorsAreRefusedWithAMessageAndUsableOnes
     EXPECT_EQ(rm()->WriteData(0, r, rlba * 512, one, t), StatusCode::RM_BadOffset);
     ASSERT_EQ(t.commit(), StatusCode::Success);
     EXPECT_EQ(raw(0, uint64_t(r) * (rlba + 1) + rlba - 8, 8), data);
+}
+
+TEST_F(RegionManagerTest, AHotAddedDiskJoinsWithThePacksSavedZoneTableLocations) {
+    makePack({"20G", "20G"});
+    IOTracker t(READ_WRITE);
+    ASSERT_EQ(rm()->SetMetaData(0, 1, 300, t), StatusCode::Success);
+    ASSERT_EQ(rm()->SetMetaData(1, 0, 301, t), StatusCode::Success);
+    ASSERT_EQ(t.commit(), StatusCode::Success);
+
+    std::string msg;
+    ASSERT_TRUE(ctl().insertDisk(2, "30G", msg)) << msg;
+    drainMessages();
+    ASSERT_EQ(dm()->AddDisk(2), StatusCode::Success);
+    uint32_t lba0 = 0, lba1 = 0;
+    bool keep = false;
+    ASSERT_EQ(rm()->CreateDisk(2, lba0, lba1, keep), StatusCode::Success);
+    ASSERT_EQ(rm()->LoadDisk(2), StatusCode::Success);
+    EXPECT_EQ(rm()->LoadDisk(2), StatusCode::RM_DiskExists);
+    Copy c = readCopy(2, lba0);
+    ASSERT_TRUE(c.header.valid);
+    EXPECT_EQ(c.header.savedLd[0], 1);
+    EXPECT_EQ(c.header.savedRegion[0], 300u);
+    EXPECT_EQ(c.header.savedRegion[1], 301u);
+    IOTracker a(READ_WRITE);
+    uint32_t r = 0;
+    ASSERT_EQ(rm()->AllocateRegions(2, 1, &r, false, a), StatusCode::Success);
+    ASSERT_EQ(a.commit(), StatusCode::Success);
+
+    // Removal forgets the disk; the pack still loads with all three.
+    ASSERT_EQ(rm()->RemoveDisk(2), StatusCode::Success);
+    EXPECT_FALSE(rm()->IsPresent(2));
+    ASSERT_EQ(reload(), StatusCode::Success);
+    bool allocated = false;
+    IOTracker q(READ_ONLY);
+    ASSERT_EQ(rm()->IsAllocated(2, r, allocated, q), StatusCode::Success);
+    EXPECT_TRUE(allocated);
+}
+
+TEST_F(RegionManagerTest, DisksThatNameDifferentZoneTablesRefuseThePackAndAnEmptySlotIsFilledIn) {
+    makePack({"20G", "20G", "20G"});
+    IOTracker t(READ_WRITE);
+    ASSERT_EQ(rm()->SetMetaData(0, 1, 300, t), StatusCode::Success);
+    ASSERT_EQ(rm()->SetMetaData(1, 2, 301, t), StatusCode::Success);
+    ASSERT_EQ(t.commit(), StatusCode::Success);
+    uint32_t lba1 = disRangesFor(uint32_t(dm()->GetDriveCapacity(2)))[1].end + 0x400;
+
+    // Disk 2 forgets its saved slots: it is brought into line at the load.
+    for (uint32_t lba : {0x480u, lba1})
+        patchHeader(2, lba, [](uint8_t* s) { std::memset(s + 0x20, 0, 0x20); });
+    ASSERT_EQ(reload(), StatusCode::Success);
+    for (uint32_t lba : {0x480u, lba1}) {
+        Copy c = readCopy(2, lba);
+        EXPECT_EQ(c.header.savedRegion[0], 300u);
+        EXPECT_EQ(c.header.savedRegion[1], 301u);
+    }
+    // Disk 2 names another Zone table: two sets, the pack is refused.
+    for (uint32_t lba : {0x480u, lba1})
+        patchHeader(2, lba, [](uint8_t* s) { RegionTestFixture::putBE(s + 0x24, 999); });
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(reload(), StatusCode::RM_MetaDataBad);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(out.find("<<<< RM::LoadDiskPack too many sets of ZM metadata: 2. Bailing out"), std::string::npos)
+        << out;
+    EXPECT_FALSE(rm()->IsPresent(0));
+}
+
+TEST_F(RegionManagerTest, ConcurrentTransactionsAllocateDistinctRegionsAndTheDiskAgrees) {
+    makePack({"20G"});
+    constexpr int kThreads = 4, kRounds = 20;
+    std::vector<std::vector<uint32_t>> got(kThreads);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i)
+        threads.emplace_back([&, i] {
+            for (int k = 0; k < kRounds; ++k) {
+                IOTracker t(READ_WRITE);
+                uint32_t r[2];
+                ASSERT_EQ(rm()->AllocateRegions(0, 2, r, i % 2 == 1, t), StatusCode::Success);
+                ASSERT_EQ(t.commit(), StatusCode::Success);
+                got[i].insert(got[i].end(), r, r + 2);
+                if (k % 3 == 0) {
+                    IOTracker f(READ_WRITE);
+                    ASSERT_EQ(rm()->FreeRegions(0, 1, &r[0], f), StatusCode::Success);
+                    ASSERT_EQ(f.commit(), StatusCode::Success);
+                    got[i].erase(std::find(got[i].begin(), got[i].end(), r[0]));
+                }
+            }
+        });
+    for (auto& th : threads) th.join();
+    std::set<uint32_t> all;
+    size_t total = 0;
+    for (auto& g : got) {
+        all.insert(g.begin(), g.end());
+        total += g.size();
+    }
+    EXPECT_EQ(all.size(), total) << "a Region was handed out twice";
+    ASSERT_EQ(reload(), StatusCode::Success);
+    IOTracker q(READ_ONLY);
+    for (uint32_t r : all) {
+        bool a = false;
+        ASSERT_EQ(rm()->IsAllocated(0, r, a, q), StatusCode::Success);
+        EXPECT_TRUE(a) << r;
+    }
+    std::ostringstream check;
+    EXPECT_EQ(rm()->internalConsistencyCheck(check), StatusCode::Success) << check.str();
 }
