@@ -101,8 +101,14 @@ int rmdump(int argc, char** argv, std::ostream& out) {
         return -1;
     }
     RegionManager* rm = RegionManager::GetInstance();
-    uint32_t lba = 0;
-    StatusCode st = rm->GetLBA(lba, uint16_t(ld), uint32_t(sector) * 512, uint32_t(region));
+    // Any sector of the Region's stride, the padding sector (RecoveryBlock) included.
+    uint32_t lba = 0, lastRegion = 0, lastOffset = 0;
+    StatusCode st = rm->GetLBA(lba, uint16_t(ld), 0, uint32_t(region));
+    if (st == StatusCode::Success && uint64_t(lba) + sector + count - 1 > 0xFFFFFFFFull) st = StatusCode::RM_BadOffset;
+    if (st == StatusCode::Success) {
+        lba += uint32_t(sector);
+        st = rm->MapLBAToRegion(lba + uint32_t(count) - 1, uint16_t(ld), lastRegion, lastOffset);
+    }
     if (st != StatusCode::Success) {
         out << "rmdump: LD " << ld << " Region " << region << " sector " << sector << ": " << st << "\n";
         return -1;

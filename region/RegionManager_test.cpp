@@ -255,6 +255,37 @@ TEST_F(RegionManagerTest, AllocationWrapsNeverHalfAllocatesAndSurvivesAReload) {
     t.commit();
 }
 
+TEST_F(RegionManagerTest, SetAsAllocatedAndTheAddressMapsBackAndForth) {
+    makePack({"20G"});
+    IOTracker t(READ_WRITE);
+    uint32_t free0 = 0, free1 = 0;
+    ASSERT_EQ(rm()->GetFreeRegionCount(0, free0, t), StatusCode::Success);
+    ASSERT_EQ(rm()->SetAsAllocated(0, 100, t), StatusCode::Success);
+    ASSERT_EQ(rm()->SetAsAllocated(0, 100, t), StatusCode::Success);  // already: no change
+    EXPECT_EQ(rm()->SetAsAllocated(0, rm()->PhysicalRegions(0), t), StatusCode::RM_RegionNumberInvalid);
+    ASSERT_EQ(t.commit(), StatusCode::Success);
+    ASSERT_EQ(rm()->GetFreeRegionCount(0, free1, t), StatusCode::Success);
+    EXPECT_EQ(free1, free0 - 1);
+    Copy c = readCopy(0, 0x480);
+    EXPECT_TRUE(independent::rabmAllocated(c.bitmap.data(), 100));
+
+    uint32_t region = 0, offset = 0, owner = 0;
+    ASSERT_EQ(rm()->MapLBAToRegion(100 * kStride + kRlba, 0, region, offset), StatusCode::Success);
+    EXPECT_EQ(region, 100u);
+    EXPECT_EQ(offset, kRlba);
+    uint32_t capacity = uint32_t(dm()->GetDriveCapacity(0));
+    EXPECT_EQ(rm()->MapLBAToRegion(capacity, 0, region, offset), StatusCode::RM_BadOffset);
+    ASSERT_EQ(rm()->getRegionOwner(0, 0, owner), StatusCode::Success);
+    EXPECT_EQ(owner, RegionManager::kOwnerRMMetadata | RegionManager::kOwnerDIS);
+    auto dis = disRangesFor(capacity);
+    ASSERT_EQ(rm()->getRegionOwner(0, (dis[1].end + 0x400) / kStride, owner), StatusCode::Success);
+    EXPECT_TRUE(owner & RegionManager::kOwnerRMMetadata);
+    ASSERT_EQ(rm()->getRegionOwner(0, dis[2].first / kStride, owner), StatusCode::Success);
+    EXPECT_EQ(owner, RegionManager::kOwnerDIS);
+    ASSERT_EQ(rm()->getRegionOwner(0, 100, owner), StatusCode::Success);
+    EXPECT_EQ(owner, RegionManager::kOwnerOther);
+}
+
 TEST_F(RegionManagerTest, SavedZoneTableLocationsReachEveryDiskAndSurviveAReload) {
     makePack({"20G", "20G", "20G"});
     IOTracker t(READ_WRITE);
