@@ -64,9 +64,14 @@ void RegionManager::Dump(std::ostream& out) {
     out << "RegionManager: " << mDiskCount << " logical disks, " << (mReadWrite ? "read-write" : "read-only")
         << ", Region size " << RegionSizeBytes() << " bytes, new packs " << mNewPackRegionBytes << " bytes, padding "
         << mPadding << ", recovery space " << (mRecoverySpace ? "ENABLED" : "DISABLED") << ", recovery generation "
-        << mRecoveryGeneration << ", allocations " << mAllocations << ", frees " << mFrees << "\n";
+        << mRecoveryGeneration << "\n";
     for (uint16_t ld = 0; ld < kMaxLogicalDisks; ++ld)
         if (IsPresent(ld)) DumpRMMetaData(ld, out);
+}
+
+void RegionManager::PerfInfo(std::ostream& out) {
+    out << "RegionManager: allocations " << mAllocations << ", frees " << mFrees << ", metadata writes "
+        << mMetadataWrites << ", repairs " << mRepairs << ", relocations " << mRelocations << "\n";
 }
 
 StatusCode RegionManager::internalConsistencyCheck(std::ostream& out) {
@@ -153,7 +158,9 @@ int findRecoveryBlocks(int argc, char** argv, std::ostream& out) {
 
 struct Registration {
     Registration() {
-        ManagerRegistry::add("RegionManager", [](std::ostream& out) { RegionManager::GetInstance()->Dump(out); });
+        ManagerRegistry::add(
+            "RegionManager", [](std::ostream& out) { RegionManager::GetInstance()->Dump(out); },
+            [](std::ostream& out) { RegionManager::GetInstance()->PerfInfo(out); });
     }
 } gRegistration;
 

@@ -14,6 +14,7 @@
 // Locks: "RMldMapLock" (shared for I/O and allocation, exclusive to load,
 // unload, add or remove a disk), then the disk's "logicalDisk.%u", held
 // extended by the transaction that changes its bitmap or header.
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <ostream>
@@ -108,6 +109,7 @@ public:
     StatusCode ConsistencyCheckMD(const LogicalDiskMap& first, const LogicalDiskMap& second, std::ostream& why);
 
     void Dump(std::ostream& out);
+    void PerfInfo(std::ostream& out);
     void DumpRMMetaData(uint16_t ld, std::ostream& out);
     void ListRegionStatus(uint16_t ld, uint32_t first, uint32_t count, std::ostream& out);
     StatusCode internalConsistencyCheck(std::ostream& out) override;
@@ -154,8 +156,8 @@ private:
     uint32_t mRegionSectors = 0;    // the pack's Rlba; 0 until created or read
     uint32_t mNewPackRegionBytes;   // default, or as "regionscalefactor" shrinks it
     bool mRecoverySpace = true;
-    uint64_t mRecoveryGeneration = 0;
-    uint64_t mAllocations = 0, mFrees = 0;
+    std::atomic<uint64_t> mRecoveryGeneration{0};
+    std::atomic<uint64_t> mAllocations{0}, mFrees{0}, mMetadataWrites{0}, mRepairs{0}, mRelocations{0};
 
     ErrorInjection mInjection{"rm"};
     int mMetaReadPoint, mMetaWritePoint, mUserReadPoint, mUserWritePoint;

@@ -254,6 +254,7 @@ StatusCode RegionManager::ReadRMMD(uint16_t ld, LogicalDiskMap& m, bool allowRep
         ESA_CONSOLE(who << ld << ". Unable to repair metadata! Status: " << st);
         return StatusCode::Success;
     }
+    ++mRepairs;
     ESA_CONSOLE("Repaired metadata in memory and on disk for logical disk " << ld);
     ESA_CONSOLE("RM::ReadRMMD:  repaired " << copyName(bad) << " (metadata for logical disk " << ld << ")");
     return StatusCode::Success;

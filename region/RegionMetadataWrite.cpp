@@ -12,6 +12,7 @@ using namespace region_internal;
 StatusCode RegionManager::WriteRMMD(LogicalDiskMap& m, uint32_t bitmapStartSector, uint32_t bitmapSectors,
                                     IOTracker& tracker, bool force) {
     if (!mReadWrite && !force) return StatusCode::ReadOnlyMode;
+    ++mMetadataWrites;
     RMMetadataHeader& h = m.header;
     h.generation += 1;
     h.version = RMLayout::kWriteVersion;
@@ -81,6 +82,7 @@ StatusCode RegionManager::RelocateMetaData(unsigned copy, uint16_t ld) {
         return StatusCode::OutOfSpace;
     }
     m->rmLba[copy] = next;
+    ++mRelocations;
     IOTracker tracker(READ_WRITE);
     tracker.flags |= IOTracker::kMeta;
     st = WriteRMMD(*m, 0, 0xFFFF, tracker, true);
