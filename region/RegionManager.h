@@ -127,6 +127,7 @@ private:
     uint32_t LastCopyPlace(uint16_t ld, unsigned copy, const RegionLayout& layout);
     StatusCode WriteRMMD(LogicalDiskMap& map, uint32_t bitmapStartSector, uint32_t bitmapSectors,
                          IOTracker& tracker, bool force);
+    void RestoreOnDisk(LogicalDiskMap& map, IOTracker& tracker);
     StatusCode WriteBitmapChange(LogicalDiskMap& map, uint32_t lowRegion, uint32_t highRegion, IOTracker& tracker);
     void FindFirstFreeRegion(LogicalDiskMap& map);
     // Marks the Regions holding DIS ranges and metadata copies allocated; the

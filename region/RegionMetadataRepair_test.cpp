@@ -220,3 +220,22 @@ TEST_F(RegionRepairTest, ARepairThatCannotBeWrittenLeavesTheGoodCopyInChargeUnti
     EXPECT_EQ(c0.header.generation, c1.header.generation);
     EXPECT_TRUE(allocated(r));
 }
+
+TEST_F(RegionRepairTest, AChangeThatReachedOnlyTheFirstCopyIsUndoneOnDiskToo) {
+    uint32_t r = packWithOneAllocation();
+    uint32_t c1 = copy1Lba(0);
+    fault(0, {"media", "write", "lba=" + std::to_string(c1) + "-" + std::to_string(c1), "always"});
+    IOTracker t(READ_WRITE);
+    EXPECT_NE(rm()->FreeRegions(0, 1, &r, t), StatusCode::Success);
+    uint32_t other = 0;
+    EXPECT_NE(rm()->AllocateRegions(0, 1, &other, false, t), StatusCode::Success);
+    t.commit();
+    EXPECT_TRUE(allocated(r));
+    EXPECT_FALSE(allocated(other));
+    std::string err;
+    ASSERT_TRUE(ctl().clearFaults(0, err)) << err;
+    // Copy 0 carries the newer generation: it must still say what the caller was told.
+    ASSERT_EQ(reload(), StatusCode::Success);
+    EXPECT_TRUE(allocated(r)) << "a Region whose free failed came back free";
+    EXPECT_FALSE(allocated(other)) << "a Region whose allocation failed stayed allocated";
+}
