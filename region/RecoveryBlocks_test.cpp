@@ -204,3 +204,29 @@ TEST_F(RecoveryBlockTest, TheScanAndTheConsoleShowWhatIsOnTheDisks) {
     ASSERT_EQ(rm()->GetAvailableRegionCount(0, after, q), StatusCode::Success);
     EXPECT_EQ(after, available);
 }
+
+TEST_F(RecoveryBlockTest, ARecreatedFormerMemberKeepsItsPaddingAndIsNotNew) {
+    loadDisks({"20G", "20G"});
+    RegionManagerTestAccess::setNewDiskPadding(0);
+    makePackOnPresentDisks();
+    rm()->UnloadDiskPack();
+    RegionManagerTestAccess::setNewDiskPadding(1);
+    uint32_t lba0 = 0, lba1 = 0;
+    bool flag = true;  // in: keep the padding
+    ASSERT_EQ(rm()->CreateDisk(0, lba0, lba1, flag), StatusCode::Success);
+    EXPECT_FALSE(flag);  // out: it had Region metadata
+    EXPECT_EQ(readCopy(0, lba0).header.padding, 0u);
+    flag = false;
+    ASSERT_EQ(rm()->CreateDisk(1, lba0, lba1, flag), StatusCode::Success);
+    EXPECT_FALSE(flag);
+    EXPECT_EQ(readCopy(1, lba0).header.padding, 1u);
+    // A blank disk is new.
+    std::string msg;
+    ASSERT_TRUE(ctl().insertDisk(2, "20G", msg)) << msg;
+    drainMessages();
+    ASSERT_EQ(dm()->AddDisk(2), StatusCode::Success);
+    flag = true;
+    ASSERT_EQ(rm()->CreateDisk(2, lba0, lba1, flag), StatusCode::Success);
+    EXPECT_TRUE(flag);
+    EXPECT_EQ(readCopy(2, lba0).header.padding, 1u);
+}

@@ -32,12 +32,14 @@ StatusCode RegionManager::CreateDisk(uint16_t ld, uint32_t& lba0, uint32_t& lba1
     // A new disk keeps the padding of the pack; a former member keeps its own.
     uint32_t padding = mPadding;
     if (LogicalDiskMap* first = firstLoaded()) padding = first->header.padding;
-    if (keepPadding) {
-        uint32_t present = 0;
-        if (CheckRMMetaData(ld, present) == StatusCode::Success) {
-            padding = present;
-            ESA_CONSOLE("RM::CreateDisk: Preserving padding of " << padding << " on LD #" << ld);
-        }
+    // keepPadding comes in as "the disk was already a pack member" and goes
+    // back as "the disk was new to the Region layer" (it carried no readable
+    // Region metadata), which the pack layer records for the disk.
+    uint32_t present = 0;
+    bool hadMetadata = CheckRMMetaData(ld, present) == StatusCode::Success;
+    if (keepPadding && hadMetadata) {
+        padding = present;
+        ESA_CONSOLE("RM::CreateDisk: Preserving padding of " << padding << " on LD #" << ld);
     }
     if (mRegionSectors == 0) setPackRegionSize(mNewPackRegionBytes / 512);
     uint32_t rlba = mRegionSectors;
@@ -106,6 +108,7 @@ StatusCode RegionManager::CreateDisk(uint16_t ld, uint32_t& lba0, uint32_t& lba1
         if (layout.nextCopyLba(m->rmLba[c], next)) writeSectors(ld, zero, 1, next, endMarks);
     }
     endMarks.commit();
+    keepPadding = !hadMetadata;
     return StatusCode::Success;
 }
 

@@ -47,6 +47,8 @@ public:
 
     // Disks.
     StatusCode LoadDisk(uint16_t ld);
+    // keepPadding: in, keep the padding the disk has (a former pack member);
+    // out, whether the disk carried no Region metadata before (new to us).
     StatusCode CreateDisk(uint16_t ld, uint32_t& lba0, uint32_t& lba1, bool& keepPadding);
     StatusCode RemoveDisk(uint16_t ld);
     StatusCode CheckRMMetaData(uint16_t ld, uint32_t& padding);
