@@ -139,7 +139,6 @@ private:
     void InsertLogicalDisk(std::unique_ptr<LogicalDiskMap> map);
     LogicalDiskMap* map(uint16_t ld) const { return ld < kMaxLogicalDisks ? mMaps[ld].get() : nullptr; }
     LogicalDiskMap* firstLoaded() const;
-    StatusCode slotOf(uint16_t ld, uint16_t& slot);
     StatusCode readSectors(uint16_t ld, uint8_t* buffer, uint32_t sectors, uint32_t lba, IOTracker& tracker);
     StatusCode writeSectors(uint16_t ld, uint8_t* buffer, uint32_t sectors, uint32_t lba, IOTracker& tracker);
     StatusCode checkRegionIO(LogicalDiskMap* m, uint32_t region, uint32_t offset, uint32_t length, uint32_t& lba);
