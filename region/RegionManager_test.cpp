@@ -492,3 +492,18 @@ TEST_F(RegionManagerTest, ConcurrentTransactionsAllocateDistinctRegionsAndTheDis
     std::ostringstream check;
     EXPECT_EQ(rm()->internalConsistencyCheck(check), StatusCode::Success) << check.str();
 }
+
+TEST_F(RegionScaleFactorTest, ADiskWithAnotherRegionSizeIsNotTakenIntoThePack) {
+    makePack({"20G", "20G"});
+    rm()->UnloadDiskPack();
+    initializeWith(14);
+    uint32_t lba0 = 0, lba1 = 0;
+    bool flag = false;
+    ASSERT_EQ(rm()->CreateDisk(1, lba0, lba1, flag), StatusCode::Success);
+    EXPECT_EQ(readCopy(1, lba0).header.regionSectors, kRlba / 14);
+    testing::internal::CaptureStdout();
+    EXPECT_NE(reload(), StatusCode::Success);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(out.find("does not match system region size " + std::to_string(kRlba)), std::string::npos) << out;
+    EXPECT_FALSE(rm()->IsPresent(0));
+}
