@@ -24,6 +24,7 @@ struct LogicalDiskMap {
     uint32_t firstFreeMD = 0;  // "FirstFreeMD Region": metadata allocation cursor
     uint32_t rmLba[2] = {0, 0};
     bool present = false;
+    int lastFailedCopy = -1;   // the copy whose write failed in the last metadata write, or -1
 
     uint32_t regionSectors() const { return header.regionSectors(); }
     uint32_t stride() const { return header.regionSectors() + header.padding; }

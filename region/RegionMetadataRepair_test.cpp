@@ -239,3 +239,24 @@ TEST_F(RegionRepairTest, AChangeThatReachedOnlyTheFirstCopyIsUndoneOnDiskToo) {
     EXPECT_TRUE(allocated(r)) << "a Region whose free failed came back free";
     EXPECT_FALSE(allocated(other)) << "a Region whose allocation failed stayed allocated";
 }
+
+TEST_F(RegionRepairTest, WhenBothCopiesHaveBadSectorsEachMovesOnceAndTheDiskStays) {
+    uint32_t r = packWithOneAllocation();
+    uint32_t c1 = copy1Lba(0);
+    fault(0, {"media", "write", "lba=0x480-0x480", "always"});
+    fault(0, {"media", "write", "lba=" + std::to_string(c1) + "-" + std::to_string(c1), "always"});
+    testing::internal::CaptureStdout();
+    rm()->outOfBandError(0, 0, 0x480, 0, StatusCode::MediaError);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(out.find("Unable to relocate"), std::string::npos) << out;
+    EXPECT_EQ(RegionManagerTestAccess::copyLba(0, 0), 0x480u + 0x400);
+    EXPECT_EQ(RegionManagerTestAccess::copyLba(0, 1), c1 + 0x400);
+    ASSERT_EQ(reload(), StatusCode::Success);
+    EXPECT_EQ(RegionManagerTestAccess::copyLba(0, 0), 0x480u + 0x400);
+    EXPECT_EQ(RegionManagerTestAccess::copyLba(0, 1), c1 + 0x400);
+    EXPECT_TRUE(allocated(r));
+    Copy a = readCopy(0, 0x880), b = readCopy(0, c1 + 0x400);
+    ASSERT_TRUE(a.header.valid && b.header.valid);
+    EXPECT_EQ(a.header.metadataLba, 0x880u);
+    EXPECT_EQ(a.header.generation, b.header.generation);
+}
