@@ -30,6 +30,8 @@
 #include "util/ExtendingLockObject.h"
 #include "util/IOTracker.h"
 
+struct FoundCopy;
+
 class RegionManager : public ManagerBase {
 public:
     static constexpr unsigned kSavedMetaDataSlots = 4;
@@ -125,7 +127,7 @@ private:
     StatusCode ReadRMMD(uint16_t ld, LogicalDiskMap& map, bool allowRepair);
     StatusCode ReadRMMDn(uint16_t ld, uint32_t lba, LogicalDiskMap& map);
     void FindCopy(uint16_t ld, unsigned copy, uint32_t capacity, const std::array<RegionLayout::Range, 3>& ranges,
-                  const LogicalDiskMap* other, LogicalDiskMap& best, struct FoundCopy& found);
+                  const LogicalDiskMap* other, LogicalDiskMap& best, FoundCopy& found);
     uint32_t LastCopyPlace(uint16_t ld, unsigned copy, const RegionLayout& layout);
     StatusCode WriteRMMD(LogicalDiskMap& map, uint32_t bitmapStartSector, uint32_t bitmapSectors,
                          IOTracker& tracker, bool force);
@@ -135,7 +137,6 @@ private:
     // Marks the Regions holding DIS ranges and metadata copies allocated; the
     // number newly marked.
     uint32_t MarkReservedRegions(LogicalDiskMap& map, bool trace);
-    StatusCode PlaceMetadata(LogicalDiskMap& map);
     void InsertLogicalDisk(std::unique_ptr<LogicalDiskMap> map);
     LogicalDiskMap* map(uint16_t ld) const { return ld < kMaxLogicalDisks ? mMaps[ld].get() : nullptr; }
     LogicalDiskMap* firstLoaded() const;
