@@ -81,7 +81,7 @@ StatusCode RegionManager::Initialize() {
             ESA_CONSOLE(">>>> RM::Initialize: Invalid regionScaleFactor: " << factor);
         } else if (!ScaleFactorUsable(factor, why)) {
             ESA_CONSOLE(">>>> RM::Initialize: Invalid regionScaleFactor: " << factor << " (" << why
-                                                                             << "); the default Region size stands");
+                                                                           << "); the default Region size stands");
         } else {
             mNewPackRegionBytes = uint32_t(RMLayout::kDefaultRegionBytes / factor);
             ESA_CONSOLE("RM::Initialize: regionScaleFactor " << factor << " gives new packs Regions of "
@@ -125,7 +125,7 @@ namespace {
 template <class Pack>
 StatusCode metadataIO(Pack* dpm, bool write, uint16_t ld, uint8_t* buffer, uint32_t sectors, uint32_t lba,
                       IOTracker& tracker) {
-    if constexpr (requires(Pack* p) { p->writeThroughCache(buffer, sectors, ld, lba, tracker); }) {
+    if constexpr (requires(Pack * p) { p->writeThroughCache(buffer, sectors, ld, lba, tracker); }) {
         return write ? dpm->writeThroughCache(buffer, sectors, ld, lba, tracker)
                      : dpm->readThroughCache(buffer, sectors, ld, lba, tracker);
     } else {

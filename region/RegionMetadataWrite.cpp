@@ -31,12 +31,12 @@ StatusCode RegionManager::WriteRMMD(LogicalDiskMap& m, uint32_t bitmapStartSecto
         area.resize(h.bitmapBytes);
         m.bitmap.encode(area.data());
     }
-    static const char* const kFailed[2][3] = {
-        {"<<<< RM::WriteRMMD: Failed to write first header: ", "<<<< RM::WriteRMMD: Failed to write first bitmap first sector: ",
-         "<<<< RM::WriteRMMD: Failed to write first bitmap: "},
-        {"<<<< RM::WriteRMMD: Failed to write second header: ",
-         "<<<< RM::WriteRMMD: Failed to write second bitmap first sector: ",
-         "<<<< RM::WriteRMMD: Failed to write second bitmap: "}};
+    static const char* const kFailed[2][3] = {{"<<<< RM::WriteRMMD: Failed to write first header: ",
+                                               "<<<< RM::WriteRMMD: Failed to write first bitmap first sector: ",
+                                               "<<<< RM::WriteRMMD: Failed to write first bitmap: "},
+                                              {"<<<< RM::WriteRMMD: Failed to write second header: ",
+                                               "<<<< RM::WriteRMMD: Failed to write second bitmap first sector: ",
+                                               "<<<< RM::WriteRMMD: Failed to write second bitmap: "}};
     StatusCode st = StatusCode::Success;
     m.lastFailedCopy = -1;
     for (unsigned c = 0; c < 2 && st == StatusCode::Success; ++c) {
