@@ -512,3 +512,23 @@ TEST_F(RegionScaleFactorTest, ADiskWithAnotherRegionSizeIsNotTakenIntoThePack) {
     EXPECT_NE(out.find("does not match system region size " + std::to_string(kRlba)), std::string::npos) << out;
     EXPECT_FALSE(rm()->IsPresent(0));
 }
+
+TEST_F(RegionManagerTest, AReadOnlyLoadLeavesDisagreeingSavedSlotsForTheFullLoadToMend) {
+    makePack({"20G", "20G"});
+    IOTracker t(READ_WRITE);
+    ASSERT_EQ(rm()->SetMetaData(0, 1, 300, t), StatusCode::Success);
+    ASSERT_EQ(rm()->SetMetaData(2, 0, 302, t), StatusCode::Success);
+    ASSERT_EQ(t.commit(), StatusCode::Success);
+    uint32_t lba1 = disRangesFor(uint32_t(dm()->GetDriveCapacity(1)))[1].end + 0x400;
+    // Disk 1 lost its tertiary slot only: one set, repairable.
+    for (uint32_t lba : {0x480u, lba1}) patchHeader(1, lba, [](uint8_t* s) { std::memset(s + 0x30, 0, 8); });
+    auto before = raw(1, 0x480);
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(reload(false), StatusCode::Success);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(out.find("ZM metadata repairable, but we are in ReadOnly mode. Bailing out"), std::string::npos) << out;
+    EXPECT_EQ(raw(1, 0x480), before);
+    ASSERT_EQ(reload(), StatusCode::Success);
+    EXPECT_EQ(readCopy(1, 0x480).header.savedRegion[2], 302u);
+    EXPECT_EQ(readCopy(1, lba1).header.savedRegion[2], 302u);
+}
