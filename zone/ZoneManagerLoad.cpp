@@ -22,7 +22,6 @@ StatusCode ZoneManager::LoadDiskPackReadOnly() {
 }
 
 StatusCode ZoneManager::LoadDiskPack() {
-    ESA_ASSERT_PTR(SystemManager::GetInstance()->pRegionMetaDataTracker);
     ZoneTable& table = zoneTable();
     table.setReadOnly(mReadOnly);
     IOTracker tracker(READ_WRITE);
