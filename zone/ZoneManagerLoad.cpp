@@ -52,12 +52,19 @@ StatusCode ZoneManager::LoadDiskPack() {
             tracker.commitIfDirty();
             return StatusCode::InitFailed;
         }
-        DataWindow zeros(512u, 0u, 512u);
-        zeros.ZeroInit();
-        st = WriteData(kZoneZero, 0, zeros, tracker);
-        if (st != StatusCode::Success) ESA_CONSOLE("ZoneManager::LoadDiskPack: first block of Zone 0 - " << st);
+        // The entry commits first: Zone I/O takes the table lock shared, which
+        // the allocation holds exclusive until its transaction commits.
         st = tracker.commit();
         if (st != StatusCode::Success) return st;
+        {
+            IOTracker first(READ_WRITE);
+            DataWindow zeros(512u, 0u, 512u);
+            zeros.ZeroInit();
+            st = WriteData(kZoneZero, 0, zeros, first);
+            StatusCode c = first.commit();
+            if (st == StatusCode::Success) st = c;
+            if (st != StatusCode::Success) ESA_CONSOLE("ZoneManager::LoadDiskPack: first block of Zone 0 - " << st);
+        }
         ESA_CONSOLE("Creating ZoneOne");
         IOTracker second(READ_WRITE);
         st = AllocateZone(zone, second);
