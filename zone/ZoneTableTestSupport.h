@@ -20,6 +20,8 @@ protected:
     void TearDown() override {
         unloadZones();
         RegionTestFixture::TearDown();
+        // Tests without disks set the geometry they need when none is set.
+        SystemDrivePackInfo::GetInstance()->unset(SystemDrivePackInfo::RegionSize);
     }
 
     static ZoneManager* zm() { return ZoneManager::GetInstance(); }
