@@ -206,4 +206,38 @@ TEST_F(ZoneTableCopies, ModeSwitchesPersistInTheZis) {
     EXPECT_FALSE(table().DualRedundancyMode());
 }
 
+TEST_F(ZoneTableCopies, AFullTableRefusesNewZonesAndGivesTheirRegionsBack) {
+    makeZonePack({"20G", "20G"});
+    const uint32_t max = table().maxEntries();
+    ASSERT_GT(max, 1000u);
+    // Fill the table in memory to its last entry: in use, no Regions.
+    while (table().entriesCreated() < max - 1) {
+        ZoneTableEntry e = ZoneTableEntry::Fresh();
+        e.redundancyType = uint32_t(RedundancyType::Mirrored);
+        e.flags = ZoneTableEntry::kInUse | ZoneTableEntry::kInitComplete;
+        table().AddEntry(e);
+    }
+    // The last entry fits: its two sectors lie inside the table Region.
+    const uint32_t last = allocate();
+    EXPECT_EQ(last, max - 1);
+    ZoneTableEntry mem;
+    ASSERT_EQ(table().LookupZone(last, mem), StatusCode::Success);
+    EXPECT_TRUE(entryOnDisk(2, last).Matches(mem));
+    IOTracker t(READ_WRITE);
+    uint32_t free0 = 0, free1 = 0;
+    rm()->GetFreeRegionCount(0, free0, t);
+    rm()->GetFreeRegionCount(1, free1, t);
+    uint32_t zone = 0;
+    EXPECT_EQ(zm()->AllocateZone(zone, t), StatusCode::ZoneOverflow);
+    t.commitIfDirty();
+    IOTracker r(READ_ONLY);
+    uint32_t after0 = 0, after1 = 0;
+    rm()->GetFreeRegionCount(0, after0, r);
+    rm()->GetFreeRegionCount(1, after1, r);
+    r.commitIfDirty();
+    EXPECT_EQ(after0, free0);
+    EXPECT_EQ(after1, free1);
+    EXPECT_EQ(table().entriesCreated(), max);
+}
+
 }  // namespace
