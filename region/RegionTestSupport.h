@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,21 @@
 #include "disk/DiskTestFixture.h"
 #include "region/RegionManager.h"
 #include "tests/support/IndependentReader.h"
+
+// Reaches into the manager where a test must stage what only an old pack or a
+// damaged disk would give.
+class RegionManagerTestAccess {
+public:
+    static void setNewDiskPadding(uint32_t padding) { RegionManager::GetInstance()->mPadding = padding; }
+    static uint32_t copyLba(uint16_t ld, unsigned copy) {
+        LogicalDiskMap* m = RegionManager::GetInstance()->map(ld);
+        return m ? m->rmLba[copy] : 0;
+    }
+    static uint32_t generation(uint16_t ld) {
+        LogicalDiskMap* m = RegionManager::GetInstance()->map(ld);
+        return m ? m->header.generation : 0;
+    }
+};
 
 class RegionTestFixture : public DiskTestFixture {
 protected:
@@ -83,6 +99,34 @@ protected:
         c.bitmap = raw(slot, lba + 1, c.header.bitmapBytes / 512);
         c.bitmapValid = independent::rabmValid(c.bitmap.data(), c.header.bitmapBytes);
         return c;
+    }
+
+    // Rewrites fields of a metadata header on the disk with a fresh checksum,
+    // as a damaged or older disk would carry them.
+    void patchHeader(int slot, uint32_t lba, const std::function<void(uint8_t*)>& change, bool fixCrc = true) {
+        auto s = raw(slot, lba);
+        change(s.data());
+        if (fixCrc) {
+            std::memset(s.data() + 0x70, 0, 4);
+            putBE(s.data() + 0x70, independent::crc(s.data(), 512));
+        }
+        writeRaw(slot, lba, s);
+    }
+    // Sets or clears one Region's bit in a copy's bitmap, with a fresh checksum.
+    void patchBitmap(int slot, uint32_t headerLba, uint32_t region, bool allocated) {
+        Copy c = readCopy(slot, headerLba);
+        uint8_t bit = uint8_t(1u << (region % 8));
+        if (allocated) c.bitmap[12 + region / 8] |= bit;
+        else c.bitmap[12 + region / 8] &= uint8_t(~bit);
+        std::memset(c.bitmap.data() + 8, 0, 4);
+        putBE(c.bitmap.data() + 8, independent::crc(c.bitmap.data(), c.bitmap.size()));
+        writeRaw(slot, headerLba + 1, c.bitmap);
+    }
+    static void putBE(uint8_t* p, uint32_t v) {
+        p[0] = uint8_t(v >> 24);
+        p[1] = uint8_t(v >> 16);
+        p[2] = uint8_t(v >> 8);
+        p[3] = uint8_t(v);
     }
 
     static std::vector<uint8_t> pattern(uint32_t bytes, uint32_t seed) {
