@@ -9,10 +9,13 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "disk/DiskPackManager.h"
+#include "platform/rtos/BoardClock.h"
 #include "region/RegionManager.h"
 #include "region/RegionTestSupport.h"
 #include "zone/LayoutManager.h"
@@ -137,6 +140,61 @@ protected:
         Place p{};
         EXPECT_TRUE(placeOf(e, copy, off, p));
         return rawRead(e.disk[p.slot], e.region[p.slot], p.offset, length);
+    }
+
+    // The Zone data one parity computation covers: a line, or a superstripe line.
+    static uint32_t parityUnit(const ZoneTableEntry& e) {
+        const unsigned d = e.GetStripeDataWidth();
+        return RedundancyGeometry::IsDRStripe(e.type()) ? d * 0x1000 * codeSources(e) : d * 0x1000;
+    }
+    // Zero columns and data columns of a DRStripe code (n); d for HStripe.
+    static unsigned codeSources(const ZoneTableEntry& e) {
+        const unsigned d = e.GetStripeDataWidth();
+        if (e.type() == RedundancyType::DRStripe5) return d + 1;
+        if (e.type() == RedundancyType::DRStripe10) return d + 2;
+        return d;
+    }
+    // The parities of the unit at Zone offset `start`, computed from the raw
+    // data columns by the code's definition, equal what lies on the disks:
+    //   horizontal: E[n][r] = XOR of E[c][r], c = 0..n-1 (zero columns first)
+    //   diagonal:   D[j] = XOR of E[(t + j) mod (n + 1)][t], t = 0..n-1
+    static void expectParityOnDisk(const ZoneTableEntry& e, uint32_t start) {
+        const bool dual = RedundancyGeometry::IsDRStripe(e.type());
+        const unsigned d = e.GetStripeDataWidth(), n = codeSources(e), z = n - d, S = n + 1, rows = dual ? n : 1;
+        auto xorInto = [](std::vector<uint8_t>& acc, const std::vector<uint8_t>& b) {
+            for (size_t i = 0; i < acc.size(); ++i) acc[i] ^= b[i];
+        };
+        std::vector<std::vector<std::vector<uint8_t>>> E(n + 1, std::vector<std::vector<uint8_t>>(rows));
+        for (unsigned r = 0; r < rows; ++r) {
+            for (unsigned c = 0; c < z; ++c) E[c][r].assign(0x1000, 0);
+            for (unsigned c = 0; c < d; ++c) E[z + c][r] = rawCopy(e, 0, start + r * d * 0x1000 + c * 0x1000, 0x1000);
+            E[n][r] = rawCopy(e, 1, start + r * d * 0x1000, 0x1000);
+            std::vector<uint8_t> h(0x1000, 0);
+            for (unsigned c = 0; c < n; ++c) xorInto(h, E[c][r]);
+            ASSERT_EQ(h, E[n][r]) << "horizontal parity of line at " << start + r * d * 0x1000;
+        }
+        for (unsigned j = 0; dual && j < n; ++j) {
+            std::vector<uint8_t> diag(0x1000, 0);
+            for (unsigned t = 0; t < n; ++t) xorInto(diag, E[(t + j) % S][t]);
+            ASSERT_EQ(diag, rawCopy(e, 2, start + j * d * 0x1000, 0x1000))
+                << "diagonal " << j << " of superstripe line at " << start;
+        }
+    }
+
+    // Moves board time on while `done` is false (waits of write threads end by the clock).
+    static void pumpClockUntil(const std::function<bool()>& done) {
+        while (!done()) {
+            BoardClock::GetInstance().advance(1);
+            std::this_thread::yield();
+        }
+    }
+    // A thread registered under a task name (the write threads' names matter).
+    static std::thread runAs(const std::string& name, std::function<void()> body) {
+        return std::thread([name, body] {
+            taskRegisterSelf(name, 120);
+            body();
+            taskExitSelf();
+        });
     }
 
     std::vector<uint32_t> mZones;
