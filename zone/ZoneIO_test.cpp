@@ -5,6 +5,7 @@
 #include <random>
 #include <set>
 
+#include "cache/ZoneMetaDataTracker.h"
 #include "util/ConsoleCommand.h"
 #include "zone/ZoneIOTestFixture.h"
 
@@ -227,4 +228,31 @@ TEST_F(ZoneIOTest, VerifyRedundancyFindsOneSpoiltParitySector) {
               std::string::npos)
         << out.str();
     EXPECT_NE(out.str().find("verifyRedundancy: 1 zones checked, 1 mismatches"), std::string::npos) << out.str();
+}
+
+TEST_F(ZoneIOTest, MetadataThroughTheZoneCacheReachesEveryMirror) {
+    loadPack(3);
+    for (RedundancyType type : {RedundancyType::Mirrored, RedundancyType::Mirrored3}) {
+        SCOPED_TRACE(nameOf(type));
+        const uint32_t zone = makeZone(type);
+        const ZoneTableEntry e = entryOf(zone);
+        std::vector<uint8_t> record(0x1000);
+        for (size_t i = 0; i < record.size(); ++i) record[i] = uint8_t(i * 13 + zone);
+        IOTracker t(READ_WRITE);
+        t.flags |= IOTracker::kMeta;
+        ASSERT_EQ(ZoneMetaDataTracker::GetInstance()->WriteThroughCache(record.data(), 8, zone, 0x6000, t),
+                  StatusCode::Success);
+        ASSERT_EQ(t.commit(), StatusCode::Success);
+        ZoneMetaDataTracker::GetInstance()->flush();
+        for (unsigned copy = 0; copy < (type == RedundancyType::Mirrored3 ? 3u : 2u); ++copy)
+            EXPECT_EQ(rawCopy(e, copy, 0x6000, 0x1000), record) << "copy " << copy;
+        std::vector<uint8_t> back(0x1000);
+        IOTracker r(READ_ONLY);
+        r.flags |= IOTracker::kMeta;
+        ZoneMetaDataTracker::GetInstance()->InvalidateRange(zone, 0x6000 / 512, 8, r);
+        ASSERT_EQ(ZoneMetaDataTracker::GetInstance()->ReadThroughCache(back.data(), 8, zone, 0x6000, r),
+                  StatusCode::Success);
+        r.commitIfDirty();
+        EXPECT_EQ(back, record);
+    }
 }
