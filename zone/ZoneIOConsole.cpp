@@ -102,11 +102,8 @@ int zmdump(int argc, char** argv, std::ostream& out) {
             out << "Zone " << zone << ": " << st << "\n";
             return -1;
         }
-        out << "Zone " << zone << " type " << RedundancyGeometry::DecodeRedundancyType(entry.redundancyType)
-            << " flags 0x" << std::hex << entry.flags << std::dec << " last written " << entry.lastWrittenTimestamp
-            << "\n";
-        for (unsigned i = 0; i < std::min(entry.GetRegionCount(), ZoneTableEntry::kSlots); ++i)
-            out << "  slot " << i << ": LD " << entry.disk[i] << " Region " << entry.region[i] << "\n";
+        ZoneTable::GetInstance()->DumpEntry(out, entry);
+        out << "last written " << entry.lastWrittenTimestamp << "\n";
     }
     return 0;
 }

@@ -197,8 +197,6 @@ private:
     StatusCode verifyChunk(const ZoneTableEntry& entry, uint32_t offset, uint32_t length, IOTracker& tracker,
                            uint32_t& errors);
     bool ioReadOnly() const;
-    bool entryIsDoubleDegraded(const ZoneTableEntry& entry) const;
-    static void dumpEntryIO(const ZoneTableEntry& entry, std::ostream& out);
     ZoneWriteCooperation mCoop;
 
     DataWindow m_zeroed_window = makeZeroedWindow();

@@ -113,7 +113,7 @@ StatusCode ZoneManager::readPieces(uint32_t zone, uint32_t offset, DataWindow& w
                 tracef(coutTrace, "ReadDataNoLock: Double read failure - unrecoverable\n");
                 tracef(coutTrace, "ReadRedundant error on Zone %lu, offset %lu - %s\n", (unsigned long)zone,
                        (unsigned long)pos, st.Dump().c_str());
-                dumpEntryIO(entry, coutTrace);
+                ZoneTable::GetInstance()->DumpEntry(coutTrace, entry);
             }
         }
         if (!st.ok()) result = st;

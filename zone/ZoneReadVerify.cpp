@@ -29,17 +29,24 @@ std::vector<uint8_t> bytesOf(const DataWindow& window) {
     return out;
 }
 
-// Counts (and reports) the 512-byte sectors in which the two differ.
+// Counts (and reports) the 512-byte sectors in which the two differ. For a
+// mirror, byte s of the buffers is Zone offset + s; for a parity column
+// (lineSize not 0) it is byte s % 4096 of the parity block of the line that
+// starts at Zone offset + (s / 4096) x lineSize.
 uint32_t compareSectors(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b, const char* what,
-                        uint32_t zone, uint32_t offset, std::ostream* report) {
+                        uint32_t zone, uint32_t offset, uint32_t lineSize, std::ostream* report) {
     uint32_t differences = 0;
     for (size_t s = 0; s < a.size(); s += 512) {
         const size_t n = std::min<size_t>(512, a.size() - s);
         if (std::memcmp(a.data() + s, b.data() + s, n) == 0) continue;
         ++differences;
         char text[160];
-        std::snprintf(text, sizeof text, "verifyRedundancy: Zone %u offset 0x%x: %s differs\n", zone,
-                      unsigned(offset + s), what);
+        if (lineSize)
+            std::snprintf(text, sizeof text, "verifyRedundancy: Zone %u line at offset 0x%x: %s differs (bytes 0x%x+)\n",
+                          zone, unsigned(offset + s / 0x1000 * lineSize), what, unsigned(s % 0x1000));
+        else
+            std::snprintf(text, sizeof text, "verifyRedundancy: Zone %u offset 0x%x: %s differs\n", zone,
+                          unsigned(offset + s), what);
         tracef(coutTrace, "%s", text);
         if (report) *report << text;
     }
@@ -66,19 +73,6 @@ void reportReadError(const char* kind, uint32_t zone, uint32_t offset, StatusCod
 }
 }  // namespace
 
-bool ZoneManager::entryIsDoubleDegraded(const ZoneTableEntry& entry) const {
-    (void)entry;
-    return false;
-}
-
-void ZoneManager::dumpEntryIO(const ZoneTableEntry& entry, std::ostream& out) {
-    out << "Zone " << entry.zoneNumber << " type " << RedundancyGeometry::DecodeRedundancyType(entry.redundancyType)
-        << " flags 0x" << std::hex << entry.flags << std::dec << "\n";
-    const unsigned count = std::min(entry.GetRegionCount(), ZoneTableEntry::kSlots);
-    for (unsigned i = 0; i < count; ++i)
-        out << "  slot " << i << ": LD " << entry.disk[i] << " Region " << entry.region[i] << "\n";
-}
-
 StatusCode ZoneManager::verifyChunk(const ZoneTableEntry& entry, uint32_t offset, uint32_t length,
                                     IOTracker& tracker, uint32_t& errors) {
     const uint32_t zone = entry.zoneNumber;
@@ -100,7 +94,7 @@ StatusCode ZoneManager::verifyChunk(const ZoneTableEntry& entry, uint32_t offset
             return a.ok() ? b : a;
         }
         const std::vector<uint8_t> data = bytesOf(original);
-        uint32_t differences = compareSectors(data, bytesOf(redundant), "mirror copy", zone, offset, mVerifyReport);
+        uint32_t differences = compareSectors(data, bytesOf(redundant), "mirror copy", zone, offset, 0, mVerifyReport);
         if (type == RedundancyType::Mirrored3) {
             // The third copy is read only when the second fails: look at it here.
             unsigned slot = 0;
@@ -112,7 +106,7 @@ StatusCode ZoneManager::verifyChunk(const ZoneTableEntry& entry, uint32_t offset
                 reportReadError("secondary redundant", zone, offset, st, 2, tracker, mVerifyReport);
                 ++errors;
             } else {
-                differences += compareSectors(data, bytesOf(redundant), "third copy", zone, offset, mVerifyReport);
+                differences += compareSectors(data, bytesOf(redundant), "third copy", zone, offset, 0, mVerifyReport);
             }
         }
         errors += differences;
@@ -159,10 +153,11 @@ StatusCode ZoneManager::verifyChunk(const ZoneTableEntry& entry, uint32_t offset
     if (!st.ok()) return st;
     uint32_t differences =
         compareSectors(bytesOf(horizontal), bytesOf(columns[d]),
-                       dual ? "horizontal parity" : "parity", zone, offset, mVerifyReport);
+                       dual ? "horizontal parity" : "parity", zone, offset, stripeLine, mVerifyReport);
     if (dual)
         differences +=
-            compareSectors(bytesOf(diagonal), bytesOf(columns[d + 1]), "diagonal parity", zone, offset, mVerifyReport);
+            compareSectors(bytesOf(diagonal), bytesOf(columns[d + 1]), "diagonal parity", zone, offset, stripeLine,
+                           mVerifyReport);
     errors += differences;
     mLastVerifyDifferences += differences;
     return differences ? StatusCode::VerifyFailure : StatusCode::Success;

@@ -74,7 +74,7 @@ StatusCode ZoneManager::RecoverHStripeBlock(DataWindow& window, unsigned width, 
 
 StatusCode ZoneManager::RecoverDRStripeBlockPrimary(DataWindow& window, unsigned width, const ZoneTableEntry& entry,
                                                     uint32_t offset, IOTracker& tracker) const {
-    if (entryIsDoubleDegraded(entry)) {
+    if (entry.IsDoubleDegraded()) {
         ESA_TRACE(zmRecoverTrace, "Zone " << entry.zoneNumber
                                           << " is DoubleDegraded, switching straight to using "
                                              "RecoverDRStripeBlockSecondary");

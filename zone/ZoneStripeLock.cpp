@@ -12,6 +12,35 @@ unsigned StripeLockRange::arrayLength(RedundancyType type) {
     return RedundancyGeometry::GetStripeWidth(type);
 }
 
+// The slot whose Region stands for the lines at offset: the data Region of a
+// mirror, the parity Region of a stripe. When that slot has lost its Region
+// the next copy of the same lines that still has one stands in, in a fixed
+// order (mirrors: primary, secondary; stripes: second parity, then the data
+// columns), so that readers can still reach the redundancy and every locker
+// of the same table state picks the same Region. The copies of a line lie at
+// the same offset in their Regions, so the range is the same arithmetic.
+StatusCode StripeLockRange::standingSlot(const ZoneTableEntry& entry, uint32_t offset, bool mirror, unsigned& slot) {
+    StatusCode st = mirror ? entry.CalculateDataRegion(offset, slot) : entry.CalculatePrimaryRedundancyRegion(offset, slot);
+    if (st != StatusCode::ZM_UnusableRegion) return st;
+    std::vector<unsigned> others;
+    const RedundancyGeometry geometry = entry.geometry();
+    RegionPlace place{};
+    for (RegionCopy copy : {RegionCopy::Primary, RegionCopy::Secondary})
+        if (mirror ? copy != RegionCopy::Data : copy == RegionCopy::Secondary)
+            if (geometry.place(copy, offset, place)) others.push_back(place.slot);
+    if (!mirror) {
+        const unsigned q = RedundancyGeometry::SlotsPerColumn(entry.type());
+        for (unsigned c = 0; c < entry.GetStripeDataWidth(); ++c)
+            others.push_back(c * q + offset / entry.GetRegionBoundary());
+    }
+    for (unsigned other : others) {
+        if (entry.region[other] == 0) continue;
+        slot = other;
+        return StatusCode::Success;
+    }
+    return StatusCode::ZM_UnusableRegion;
+}
+
 StatusCode StripeLockRange::compute(const ZoneTableEntry& entry, uint32_t offset, uint32_t length,
                                     StripeLockRange& out, bool& locks) {
     locks = false;
@@ -25,7 +54,7 @@ StatusCode StripeLockRange::compute(const ZoneTableEntry& entry, uint32_t offset
         return StatusCode::BadMetadata;
     }
     unsigned slot = 0;
-    StatusCode st = mirror ? entry.CalculateDataRegion(offset, slot) : entry.CalculatePrimaryRedundancyRegion(offset, slot);
+    StatusCode st = standingSlot(entry, offset, mirror, slot);
     if (!st.ok()) return st;
     const uint64_t R = SystemDrivePackInfo::GetInstance()->GetRegionSize();
     const uint64_t base = uint64_t(entry.region[slot]) * R;

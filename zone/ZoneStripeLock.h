@@ -30,11 +30,12 @@ struct StripeLockRange {
     uint64_t regionFirst = 0;  // the same as offsets in the Region
     uint64_t regionLast = 0;
 
-    // False with the status for a type that takes no lock (Success: None and
-    // SelfMirrored), an unknown type (UnsupportedZoneType), a boundary of 0
-    // (BadMetadata) or a slot with no Region (ZM_UnusableRegion).
+    // `locks` false for a type that takes no lock (Success: None and
+    // SelfMirrored); an unknown type gives UnsupportedZoneType, a boundary of
+    // 0 BadMetadata, a line with no Region left in any copy ZM_UnusableRegion.
     static StatusCode compute(const ZoneTableEntry& entry, uint32_t offset, uint32_t length, StripeLockRange& out,
                               bool& locks);
+    static StatusCode standingSlot(const ZoneTableEntry& entry, uint32_t offset, bool mirror, unsigned& slot);
     // Columns the lock array holds a place for: 2 for Mirrored, 3 for
     // Mirrored3, the width for stripes.
     static unsigned arrayLength(RedundancyType type);

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <vector>
 
 #include "include/DrivePackInfo.h"
 
@@ -13,11 +14,32 @@ namespace {
 
 constexpr uint32_t kRegion = 120 * 0x1000;  // whole rows of every dual-parity code
 
-void setGeometry() {
-    auto* info = SystemDrivePackInfo::GetInstance();
-    if (!info->isSet(SystemDrivePackInfo::RegionSize)) info->set(SystemDrivePackInfo::RegionSize, kRegion);
-    if (!info->isSet(SystemDrivePackInfo::ZoneSize)) info->set(SystemDrivePackInfo::ZoneSize, 24ull * kRegion);
-}
+// The pack geometry of these tests for the length of one test; whatever an
+// earlier test of the process left is put back.
+class Geometry {
+public:
+    Geometry() {
+        for (auto f : {SystemDrivePackInfo::RegionSize, SystemDrivePackInfo::ZoneSize}) {
+            mWasSet.push_back(info()->isSet(f));
+            mValue.push_back(mWasSet.back() ? info()->get(f) : 0);
+        }
+        info()->set(SystemDrivePackInfo::RegionSize, kRegion);
+        info()->set(SystemDrivePackInfo::ZoneSize, 24ull * kRegion);
+    }
+    ~Geometry() {
+        unsigned i = 0;
+        for (auto f : {SystemDrivePackInfo::RegionSize, SystemDrivePackInfo::ZoneSize}) {
+            if (mWasSet[i]) info()->set(f, mValue[i]);
+            else info()->unset(f);
+            ++i;
+        }
+    }
+
+private:
+    static SystemDrivePackInfo* info() { return SystemDrivePackInfo::GetInstance(); }
+    std::vector<bool> mWasSet;
+    std::vector<uint64_t> mValue;
+};
 
 ZoneTableEntry entryOf(RedundancyType type, uint32_t zone) {
     ZoneTableEntry e;
@@ -32,7 +54,7 @@ ZoneTableEntry entryOf(RedundancyType type, uint32_t zone) {
 }
 
 TEST(StripeLockRange, TypesWithoutLocksAndBadEntries) {
-    setGeometry();
+    Geometry geometry;
     StripeLockRange r;
     bool locks = true;
     EXPECT_EQ(StripeLockRange::compute(entryOf(RedundancyType::None, 2), 0, 512, r, locks), StatusCode::Success);
@@ -43,16 +65,30 @@ TEST(StripeLockRange, TypesWithoutLocksAndBadEntries) {
     ZoneTableEntry unknown = entryOf(RedundancyType::None, 2);
     unknown.redundancyType = 5;
     EXPECT_EQ(StripeLockRange::compute(unknown, 0, 512, r, locks), StatusCode::UnsupportedZoneType);
+    // A lost parity Region: the first data column of the row stands in, at
+    // the same place, so readers can still lock the line and rebuild it.
     ZoneTableEntry hole = entryOf(RedundancyType::HStripe4, 2);
+    StripeLockRange whole;
+    ASSERT_EQ(StripeLockRange::compute(hole, 0x3000, 512, whole, locks), StatusCode::Success);
     hole.region[3 * 8] = 0;  // the parity Region of the first row
-    EXPECT_EQ(StripeLockRange::compute(hole, 0, 512, r, locks), StatusCode::ZM_UnusableRegion);
+    ASSERT_EQ(StripeLockRange::compute(hole, 0x3000, 512, r, locks), StatusCode::Success);
+    EXPECT_TRUE(locks);
+    EXPECT_EQ(r.region, hole.region[0]);
+    EXPECT_EQ(r.regionFirst, whole.regionFirst);
+    EXPECT_EQ(r.regionLast, whole.regionLast);
+    hole.region[0] = hole.region[8] = hole.region[16] = 0;  // and every data Region of the row
+    EXPECT_EQ(StripeLockRange::compute(hole, 0x3000, 512, r, locks), StatusCode::ZM_UnusableRegion);
+    ZoneTableEntry mirror = entryOf(RedundancyType::Mirrored3, 4);  // data in slots 24.. for Zone 4
+    mirror.region[24] = 0;
+    ASSERT_EQ(StripeLockRange::compute(mirror, 512, 512, r, locks), StatusCode::Success);
+    EXPECT_EQ(r.region, mirror.region[48]) << "the primary copy stands in";
     EXPECT_EQ(StripeLockRange::arrayLength(RedundancyType::Mirrored), 2u);
     EXPECT_EQ(StripeLockRange::arrayLength(RedundancyType::Mirrored3), 3u);
     EXPECT_EQ(StripeLockRange::arrayLength(RedundancyType::DRStripe8), 8u);
 }
 
 TEST(StripeLockRange, PiecesCollideExactlyWhenTheyShareALine) {
-    setGeometry();
+    Geometry geometry;
     std::mt19937 rng(17);
     for (RedundancyType type : kRedundancyTypes) {
         if (type == RedundancyType::None || type == RedundancyType::SelfMirrored) continue;

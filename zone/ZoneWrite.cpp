@@ -17,7 +17,9 @@ Trace zmWriteTrace("ZM", "Write", "debug", false);
 uint32_t nowSeconds() { return uint32_t(BoardClock::GetInstance().realtime().tv_sec); }
 }  // namespace
 
-bool ZoneManager::ioReadOnly() const { return mIOReadOnly.load() || SystemManager::GetInstance()->readOnly(); }
+bool ZoneManager::ioReadOnly() const {
+    return mReadOnly || mIOReadOnly.load() || SystemManager::GetInstance()->readOnly();
+}
 
 StatusCode ZoneManager::WriteData(uint32_t zone, uint64_t offset, DataWindow& window, IOTracker& tracker) {
     ExtendingLockObject::SharedLockInstance table(&ZoneTable::GetInstance()->tableLock());
@@ -94,7 +96,7 @@ StatusCode ZoneManager::WriteDataNoLock(uint32_t zone, uint64_t offset, DataWind
             st = WriteRegionData(zone, activePos, active, tracker, failures);
             if (failures > allowed) {
                 tracef(coutTrace, "Too many write failures (%u): Unrecoverable WriteError\n", failures);
-                dumpEntryIO(entry, coutTrace);
+                ZoneTable::GetInstance()->DumpEntry(coutTrace, entry);
                 result = StatusCode::WriteError;
             }
             if (cooperate) {

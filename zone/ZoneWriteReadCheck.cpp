@@ -186,51 +186,25 @@ StatusCode ZoneDataCheck::makeScratchZone(RedundancyType type, const std::vector
     const unsigned per = RedundancyGeometry::SlotsPerColumn(type);
     IOTracker tracker(READ_WRITE);
     StatusCode st = StatusCode::Success;
-    unsigned done = 0;
-    for (; done < columns && st.ok(); ++done) {
-        st = RegionManager::GetInstance()->AllocateRegions(disks[done], per, &entry.region[done * per], false,
-                                                           tracker);
-        for (unsigned s = done * per; s < (done + 1) * per; ++s) entry.disk[s] = disks[done];
+    {
+        ZoneTable* table = ZoneTable::GetInstance();
+        ExtendingLockObject::ExtendingExclusiveLockInstance lock(&table->tableLock(), tracker);
+        for (unsigned c = 0; c < columns && st.ok(); ++c) {
+            st = RegionManager::GetInstance()->AllocateRegions(disks[c], per, &entry.region[c * per], false, tracker);
+            for (unsigned s = c * per; s < (c + 1) * per; ++s) entry.disk[s] = disks[c];
+        }
+        entry.flags = ZoneTableEntry::kInUse | ZoneTableEntry::kInitComplete;
+        if (st.ok()) st = table->InsertEntry(entry, tracker);
+        zone = entry.zoneNumber;
     }
-    if (!st.ok()) {
-        for (unsigned c = 0; c + 1 < done; ++c)
-            RegionManager::GetInstance()->FreeRegions(disks[c], per, &entry.region[c * per], tracker);
-        tracker.commitIfDirty();
-        return st;
-    }
-    st = tracker.commitIfDirty();
-    if (!st.ok()) return st;
-    entry.flags = ZoneTableEntry::kInUse | ZoneTableEntry::kInitComplete;
-    ZoneTable* table = ZoneTable::GetInstance();
-    ExtendingLockObject::ExclusiveLockInstance lock(&table->tableLock());
-    entry.zoneNumber = table->entriesCreated();
-    st = table->AddEntry(entry);
-    zone = entry.zoneNumber;
-    return st;
+    // A failed allocation is given back whole: the transaction ends without the entry.
+    StatusCode c = tracker.commitIfDirty();
+    return st.ok() ? c : st;
 }
 
 StatusCode ZoneDataCheck::freeScratchZone(uint32_t zone) {
-    ZoneTable* table = ZoneTable::GetInstance();
-    ZoneTableEntry entry;
-    {
-        ExtendingLockObject::ExclusiveLockInstance lock(&table->tableLock());
-        StatusCode st = table->LookupZone(zone, entry);
-        if (!st.ok()) return st;
-        ZoneTableEntry unused = entry;
-        unused.flags &= ~ZoneTableEntry::kInUse;
-        unused.clearSlots();
-        st = table->UpdateZoneTableEntryInMemory(zone, unused);
-        if (!st.ok()) return st;
-    }
     IOTracker tracker(READ_WRITE);
-    StatusCode result = StatusCode::Success;
-    const unsigned columns = RedundancyGeometry::ColumnCount(entry.type());
-    const unsigned per = RedundancyGeometry::SlotsPerColumn(entry.type());
-    for (unsigned c = 0; c < columns; ++c) {
-        StatusCode st = RegionManager::GetInstance()->FreeRegions(entry.disk[c * per], per, &entry.region[c * per],
-                                                                  tracker);
-        if (!st.ok() && st != StatusCode::DiskNotPresent) result = st;
-    }
-    StatusCode st = tracker.commitIfDirty();
-    return result.ok() ? st : result;
+    StatusCode st = ZoneManager::GetInstance()->DeallocateZone(zone, tracker);
+    StatusCode c = tracker.commitIfDirty();
+    return st.ok() ? c : st;
 }

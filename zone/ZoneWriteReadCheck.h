@@ -55,10 +55,10 @@ public:
     // The whole check: write, read back, read with columns hidden.
     static Result run(uint32_t zone, uint32_t seed, unsigned count, uint32_t maxLength, std::ostream* out);
 
-    // A Zone made by hand for a check: each column's Regions allocated on
-    // its own present logical disk, taken in order from `disks` (SelfMirrored
-    // and None take one). The entry is added in use; free it with
-    // freeScratchZone, which gives the Regions back and takes it out of use.
+    // A Zone of a chosen type made for a check: each column's Regions
+    // allocated on its own logical disk, taken in order from `disks`
+    // (SelfMirrored and None take one), and the entry inserted in the table,
+    // all in one transaction. freeScratchZone deallocates it again.
     static StatusCode makeScratchZone(RedundancyType type, const std::vector<uint16_t>& disks, uint32_t& zone);
     static StatusCode freeScratchZone(uint32_t zone);
     // The logical disks present now, lowest first.
