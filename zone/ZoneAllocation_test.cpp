@@ -7,6 +7,7 @@
 
 #include <map>
 #include <set>
+#include <thread>
 
 #include "zone/ZoneAllocationModel.h"
 #include "zone/ZoneTableTestSupport.h"
@@ -181,6 +182,42 @@ TEST_F(ZoneAllocationOnDisks, ZoneOneCleanupAtLoadKeepsSharedRegions) {
     ZoneTableEntry still;
     ASSERT_EQ(table().LookupZone(z, still), StatusCode::Success);
     EXPECT_TRUE(still.Matches(owner));
+}
+
+TEST_F(ZoneAllocationOnDisks, ConcurrentAllocationsNeverShareANumberOrARegion) {
+    makeZonePack({"20G", "20G", "20G", "20G"});
+    std::vector<uint32_t> got[2];
+    std::thread workers[2];
+    for (int w = 0; w < 2; ++w)
+        workers[w] = std::thread([&, w] {
+            taskRegisterSelf(w ? "tWPThread1" : "tWPThread0", 120);
+            for (int i = 0; i < 6; ++i) {
+                IOTracker t(READ_WRITE);
+                uint32_t zone = 0;
+                if (zm()->AllocateZone(zone, t) == StatusCode::Success) got[w].push_back(zone);
+                t.commit();
+            }
+        });
+    for (auto& w : workers) w.join();
+    ASSERT_EQ(got[0].size() + got[1].size(), 12u);
+    std::set<uint32_t> numbers(got[0].begin(), got[0].end());
+    numbers.insert(got[1].begin(), got[1].end());
+    EXPECT_EQ(numbers.size(), 12u);
+    std::set<std::pair<uint16_t, uint32_t>> regions;
+    size_t slots = 0;
+    for (uint32_t z = 0; z < table().entriesCreated(); ++z) {
+        ZoneTableEntry e;
+        table().RawLookupZone(z, e);
+        for (unsigned s = 0; s < ZoneTableEntry::kSlots; ++s) {
+            if (e.region[s] == 0) continue;
+            ++slots;
+            regions.insert({e.disk[s], e.region[s]});
+            EXPECT_TRUE(isAllocated(e.disk[s], e.region[s]));
+        }
+    }
+    EXPECT_EQ(regions.size(), slots) << "a Region in two slots";
+    ASSERT_EQ(reloadZones(), StatusCode::Success);
+    EXPECT_EQ(table().entriesInUse(), 14u);
 }
 
 // Every reachable type laid over Regions that allocation hands out: each data
