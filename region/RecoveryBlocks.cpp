@@ -199,12 +199,12 @@ StatusCode RegionManager::GetZoneOwnership(uint16_t ld, uint32_t region, _ZoneOw
 StatusCode RegionManager::IncrementRecoveryGeneration(IOTracker& tracker) {
     ExtendingLockObject::SharedLockInstance g(&mMapLock, tracker);
     if (!mReadWrite) return StatusCode::ReadOnlyMode;
-    ++mRecoveryGeneration;
+    uint64_t generation = ++mRecoveryGeneration;
     StatusCode result = StatusCode::Success;
     for (auto& m : mMaps) {
         if (!m) continue;
         ExtendingLockObject::ExtendingExclusiveLockInstance d(&m->lock, tracker);
-        m->header.recoveryGeneration = mRecoveryGeneration;
+        m->header.recoveryGeneration = generation;
         StatusCode st = WriteRMMD(*m, 0, 0, tracker, false);
         if (st != StatusCode::Success) {
             ESA_CONSOLE("RM::IncrementRecoveryGeneration: LD #" << m->ld << " - error setting RecoveryGeneration number: "

@@ -180,6 +180,11 @@ TEST_F(RecoveryBlockTest, TheScanAndTheConsoleShowWhatIsOnTheDisks) {
     std::ostringstream dump;
     ASSERT_EQ(ConsoleCommand::ExecuteLine("rmdump 0 0 1152 1", dump), 0);
     EXPECT_NE(dump.str().find("52 4d 4d 44"), std::string::npos) << dump.str();  // "RMMD" at LBA 0x480
+    std::ostringstream padding;
+    ASSERT_EQ(ConsoleCommand::ExecuteLine("rmdump 0 " + std::to_string(r[0]) + " " + std::to_string(kRlba), padding), 0);
+    EXPECT_NE(padding.str().find(": 4f 43 45 52"), std::string::npos) << padding.str();  // the block's magic
+    std::ostringstream past;
+    EXPECT_NE(ConsoleCommand::ExecuteLine("rmdump 0 0 4294967000 2", past), 0);
     std::ostringstream list;
     ASSERT_EQ(ConsoleCommand::ExecuteLine("listRegionStatus 0 0 3", list), 0);
     EXPECT_NE(list.str().find("Region 0 LBA 0: allocated RM-metadata DIS"), std::string::npos) << list.str();
@@ -198,4 +203,30 @@ TEST_F(RecoveryBlockTest, TheScanAndTheConsoleShowWhatIsOnTheDisks) {
     uint32_t after = 0;
     ASSERT_EQ(rm()->GetAvailableRegionCount(0, after, q), StatusCode::Success);
     EXPECT_EQ(after, available);
+}
+
+TEST_F(RecoveryBlockTest, ARecreatedFormerMemberKeepsItsPaddingAndIsNotNew) {
+    loadDisks({"20G", "20G"});
+    RegionManagerTestAccess::setNewDiskPadding(0);
+    makePackOnPresentDisks();
+    rm()->UnloadDiskPack();
+    RegionManagerTestAccess::setNewDiskPadding(1);
+    uint32_t lba0 = 0, lba1 = 0;
+    bool flag = true;  // in: keep the padding
+    ASSERT_EQ(rm()->CreateDisk(0, lba0, lba1, flag), StatusCode::Success);
+    EXPECT_FALSE(flag);  // out: it had Region metadata
+    EXPECT_EQ(readCopy(0, lba0).header.padding, 0u);
+    flag = false;
+    ASSERT_EQ(rm()->CreateDisk(1, lba0, lba1, flag), StatusCode::Success);
+    EXPECT_FALSE(flag);
+    EXPECT_EQ(readCopy(1, lba0).header.padding, 1u);
+    // A blank disk is new.
+    std::string msg;
+    ASSERT_TRUE(ctl().insertDisk(2, "20G", msg)) << msg;
+    drainMessages();
+    ASSERT_EQ(dm()->AddDisk(2), StatusCode::Success);
+    flag = true;
+    ASSERT_EQ(rm()->CreateDisk(2, lba0, lba1, flag), StatusCode::Success);
+    EXPECT_TRUE(flag);
+    EXPECT_EQ(readCopy(2, lba0).header.padding, 1u);
 }

@@ -9,6 +9,16 @@
 using SharedMap = ExtendingLockObject::SharedLockInstance;
 using DiskChange = ExtendingLockObject::ExtendingExclusiveLockInstance;
 
+// A change whose write failed part way may have reached copy 0 and not copy
+// 1, and copy 0 would win the next load's vote. With the map in memory put
+// back, both copies are written again so that the disk says what the caller
+// was told (a freed Region that came back must never look free later).
+void RegionManager::RestoreOnDisk(LogicalDiskMap& m, IOTracker& tracker) {
+    StatusCode st = WriteRMMD(m, 0, 0xFFFF, tracker, false);
+    if (st != StatusCode::Success)
+        ESA_CONSOLE("RM: LD #" << m.ld << " metadata could not be put back after a failed change: " << st);
+}
+
 StatusCode RegionManager::AllocateRegions(uint16_t ld, uint32_t count, uint32_t* regions, bool metadata,
                                           IOTracker& tracker) {
     SharedMap g(&mMapLock, tracker);
@@ -50,6 +60,7 @@ StatusCode RegionManager::AllocateRegions(uint16_t ld, uint32_t count, uint32_t*
         for (uint32_t i = 0; i < count; ++i) m->bitmap.set(regions[i], false);
         m->freeRegions += count;
         cursor = oldCursor;
+        RestoreOnDisk(*m, tracker);
         return st;
     }
     ++mAllocations;
@@ -86,6 +97,7 @@ StatusCode RegionManager::FreeRegions(uint16_t ld, uint32_t count, const uint32_
         for (uint32_t r : distinct) m->bitmap.set(r, true);
         m->freeRegions -= uint32_t(distinct.size());
         m->firstFree = oldFirst;
+        RestoreOnDisk(*m, tracker);
         return st;
     }
     ++mFrees;
@@ -106,6 +118,7 @@ StatusCode RegionManager::SetAsAllocated(uint16_t ld, uint32_t region, IOTracker
     if (st != StatusCode::Success) {
         m->bitmap.set(region, false);
         ++m->freeRegions;
+        RestoreOnDisk(*m, tracker);
     }
     return st;
 }
@@ -146,7 +159,10 @@ StatusCode RegionManager::IncrementBadRegionCount(uint16_t ld, IOTracker& tracke
     DiskChange d(&m->lock, tracker);
     ++m->header.unavailableRegions;
     StatusCode st = WriteRMMD(*m, 0, 0, tracker, false);
-    if (st != StatusCode::Success) --m->header.unavailableRegions;
+    if (st != StatusCode::Success) {
+        --m->header.unavailableRegions;
+        RestoreOnDisk(*m, tracker);
+    }
     return st;
 }
 
@@ -165,6 +181,7 @@ StatusCode RegionManager::SetMetaData(unsigned instance, uint16_t ld, uint32_t r
         StatusCode st = WriteRMMD(*m, 0, 0, tracker, false);
         if (st != StatusCode::Success) {
             m->header.saved[instance] = old;
+            RestoreOnDisk(*m, tracker);
             ESA_CONSOLE("RM::SetMetadata: Save MD# " << instance << " failed for logical disk " << m->ld << ": "
                                                      << st << ". Continuing!");
             result = st;

@@ -64,9 +64,14 @@ void RegionManager::Dump(std::ostream& out) {
     out << "RegionManager: " << mDiskCount << " logical disks, " << (mReadWrite ? "read-write" : "read-only")
         << ", Region size " << RegionSizeBytes() << " bytes, new packs " << mNewPackRegionBytes << " bytes, padding "
         << mPadding << ", recovery space " << (mRecoverySpace ? "ENABLED" : "DISABLED") << ", recovery generation "
-        << mRecoveryGeneration << ", allocations " << mAllocations << ", frees " << mFrees << "\n";
+        << mRecoveryGeneration << "\n";
     for (uint16_t ld = 0; ld < kMaxLogicalDisks; ++ld)
         if (IsPresent(ld)) DumpRMMetaData(ld, out);
+}
+
+void RegionManager::PerfInfo(std::ostream& out) {
+    out << "RegionManager: allocations " << mAllocations << ", frees " << mFrees << ", metadata writes "
+        << mMetadataWrites << ", repairs " << mRepairs << ", relocations " << mRelocations << "\n";
 }
 
 StatusCode RegionManager::internalConsistencyCheck(std::ostream& out) {
@@ -101,8 +106,14 @@ int rmdump(int argc, char** argv, std::ostream& out) {
         return -1;
     }
     RegionManager* rm = RegionManager::GetInstance();
-    uint32_t lba = 0;
-    StatusCode st = rm->GetLBA(lba, uint16_t(ld), uint32_t(sector) * 512, uint32_t(region));
+    // Any sector of the Region's stride, the padding sector (RecoveryBlock) included.
+    uint32_t lba = 0, lastRegion = 0, lastOffset = 0;
+    StatusCode st = rm->GetLBA(lba, uint16_t(ld), 0, uint32_t(region));
+    if (st == StatusCode::Success && uint64_t(lba) + sector + count - 1 > 0xFFFFFFFFull) st = StatusCode::RM_BadOffset;
+    if (st == StatusCode::Success) {
+        lba += uint32_t(sector);
+        st = rm->MapLBAToRegion(lba + uint32_t(count) - 1, uint16_t(ld), lastRegion, lastOffset);
+    }
     if (st != StatusCode::Success) {
         out << "rmdump: LD " << ld << " Region " << region << " sector " << sector << ": " << st << "\n";
         return -1;
@@ -147,7 +158,9 @@ int findRecoveryBlocks(int argc, char** argv, std::ostream& out) {
 
 struct Registration {
     Registration() {
-        ManagerRegistry::add("RegionManager", [](std::ostream& out) { RegionManager::GetInstance()->Dump(out); });
+        ManagerRegistry::add(
+            "RegionManager", [](std::ostream& out) { RegionManager::GetInstance()->Dump(out); },
+            [](std::ostream& out) { RegionManager::GetInstance()->PerfInfo(out); });
     }
 } gRegistration;
 

@@ -11,6 +11,13 @@
 
 extern Trace tRM;
 
+// What the search for one metadata copy found.
+struct FoundCopy {
+    bool good = false;
+    uint32_t lba = 0;
+    StatusCode status = StatusCode::RM_MetaDataBad;
+};
+
 namespace region_internal {
 // The three DIS ranges of the logical disk.
 StatusCode disRanges(uint16_t ld, std::array<RegionLayout::Range, 3>& ranges);

@@ -8,6 +8,12 @@ namespace {
 constexpr uint32_t kGap = RMLayout::kMetadataGap;
 }
 
+RegionLayout::Range RegionLayout::guarded(unsigned i) const {
+    Range r = dis[i];
+    if (i < 2) r.end = r.end + 1 + kQualifySectors;
+    return r;
+}
+
 RegionLayout::RegionLayout(uint32_t cap, uint32_t rlba, uint32_t pad, const std::array<Range, 3>& ranges,
                            uint32_t bitmapSectors)
     : capacity(cap), regionSectors(rlba), padding(pad), dis(ranges), regions(regionCountFor(cap, rlba, pad)),
@@ -23,8 +29,8 @@ bool RegionLayout::copyFits(uint32_t lba) const {
     uint32_t region = regionOf(lba);
     if (end > uint64_t(regionStart(region)) + regionSectors) return false;  // would reach the padding sector
     if (end > capacity) return false;
-    for (const Range& r : dis)
-        if (lba < r.end && end > r.first) return false;
+    for (unsigned i = 0; i < dis.size(); ++i)
+        if (lba < guarded(i).end && end > guarded(i).first) return false;
     return true;
 }
 
@@ -43,7 +49,7 @@ bool RegionLayout::initialCopyLba(unsigned copy, uint32_t& lba) const {
     for (uint32_t region = regionOf(dis[1].first) + 1; region < regions && region <= regionOf(dis[1].end) + 1;
          ++region) {
         uint64_t start = regionStart(region);
-        if (start < dis[1].end) start = uint64_t(dis[1].end) + kGap;
+        if (start < uint64_t(dis[1].end) + kGap) start = uint64_t(dis[1].end) + kGap;
         if (start < capacity && copyFits(uint32_t(start))) {
             lba = uint32_t(start);
             return true;
@@ -55,8 +61,8 @@ bool RegionLayout::initialCopyLba(unsigned copy, uint32_t& lba) const {
 bool RegionLayout::nextCopyLba(uint32_t old, uint32_t& lba) const {
     uint32_t region = regionOf(old);
     uint64_t pos = uint64_t(old) + kGap;
-    for (const Range& r : dis)
-        if (pos < r.end && pos + copySectors > r.first) pos = uint64_t(r.end) + kGap;
+    for (unsigned i = 0; i < dis.size(); ++i)
+        if (pos < guarded(i).end && pos + copySectors > guarded(i).first) pos = uint64_t(dis[i].end) + kGap;
     if (pos + copySectors > uint64_t(regionStart(region)) + regionSectors || regionOf(uint32_t(pos)) != region)
         return false;
     if (!copyFits(uint32_t(pos))) return false;
@@ -70,9 +76,9 @@ std::vector<uint32_t> RegionLayout::reservedRegions(uint32_t lba0, uint32_t lba1
         uint32_t r = regionOf(lba);
         if (r < regions) out.push_back(r);
     };
-    for (const Range& r : dis) {
-        add(r.first);
-        add(r.end - 1);
+    for (unsigned i = 0; i < dis.size(); ++i) {
+        add(guarded(i).first);
+        add(std::min(guarded(i).end, capacity) - 1);
     }
     for (uint32_t lba : {lba0, lba1}) {
         add(lba);

@@ -6,8 +6,10 @@
 // placement can be checked over any disk size.
 //
 // A metadata copy (header and bitmap) always lies wholly inside the data
-// sectors of one Region, clear of every DIS range, so it never touches a
-// padding sector (a RecoveryBlock) nor a DIS copy.
+// sectors of one Region, clear of every DIS range and of the sectors the disk
+// write test overwrites, so it never touches a padding sector (a
+// RecoveryBlock), a DIS copy or the write test's sectors; all of those lie in
+// allocated Regions.
 #include <array>
 #include <cstdint>
 #include <vector>
@@ -18,6 +20,9 @@ struct RegionLayout {
         uint32_t end = 0;    // last sector + 1
     };
     static constexpr uint32_t kFirstCopyLba = 0x480;
+    // The pack layer's write test of a new disk overwrites this many sectors
+    // from the sector after the end of DIS ranges 0 and 1.
+    static constexpr uint32_t kQualifySectors = 0x80;
 
     RegionLayout(uint32_t capacity, uint32_t regionSectors, uint32_t padding, const std::array<Range, 3>& dis,
                  uint32_t bitmapSectors);
@@ -42,8 +47,10 @@ struct RegionLayout {
     // The next position of a copy whose sectors went bad, in the same Region:
     // +0x400, clear of any DIS range; false when the Region is exhausted.
     bool nextCopyLba(uint32_t old, uint32_t& lba) const;
+    // A DIS range with, for ranges 0 and 1, the sectors the write test uses.
+    Range guarded(unsigned i) const;
     // Whether `copySectors` sectors from lba stay in one Region's data sectors
-    // and clear of every DIS range.
+    // and clear of every DIS range and write-test area.
     bool copyFits(uint32_t lba) const;
     // The Regions that DIS ranges and the given copies occupy, each once, in
     // increasing order; with the partial last Region when there is one.

@@ -34,6 +34,8 @@ void expectSoundPlacement(uint32_t capacity, uint32_t rlba) {
         EXPECT_EQ(l.regionOf(c), l.regionOf(last));
         EXPECT_LT(last % l.stride(), rlba) << "a copy reaches the padding sector";
         for (auto& r : l.dis) EXPECT_TRUE(last < r.first || c >= r.end);
+        // Nor the write test's sectors after DIS ranges 0 and 1.
+        for (int i = 0; i < 2; ++i) EXPECT_TRUE(last <= l.dis[i].end || c > l.dis[i].end + 0x80);
         EXPECT_TRUE(std::binary_search(reserved.begin(), reserved.end(), l.regionOf(c)));
     }
     EXPECT_TRUE(lba[0] + l.copySectors <= lba[1]);
@@ -41,6 +43,9 @@ void expectSoundPlacement(uint32_t capacity, uint32_t rlba) {
         EXPECT_TRUE(std::binary_search(reserved.begin(), reserved.end(), l.regionOf(r.first)));
         EXPECT_TRUE(std::binary_search(reserved.begin(), reserved.end(), l.regionOf(r.end - 1)));
     }
+    for (int i = 0; i < 2; ++i)  // the write test's sectors never hold Region data
+        for (uint32_t lba : {l.dis[i].end + 1, l.dis[i].end + 0x80})
+            EXPECT_TRUE(std::binary_search(reserved.begin(), reserved.end(), l.regionOf(lba)));
 }
 }  // namespace
 
@@ -83,6 +88,16 @@ TEST(RegionLayout, DISRange1AcrossTwoRegionsMarksBothAndTheCopyStillFits) {
         }
     }
     EXPECT_GT(straddles, 0);
+    // The write test's sectors after range 1 running into the next Region.
+    int spills = 0;
+    for (uint32_t capacity = 1u << 21; spills < 2 && capacity < (400u << 21); capacity += 0xD200) {
+        auto d = disRangesFor(capacity);
+        if (d[1].end / stride != (d[1].end + 0x80) / stride && d[1].end % stride != 0) {
+            ++spills;
+            expectSoundPlacement(capacity, kRlba);
+        }
+    }
+    EXPECT_GT(spills, 0);
 }
 
 TEST(RegionLayout, RelocationStepsStayInTheRegionClearOfTheDISRangeUntilExhausted) {
@@ -111,10 +126,12 @@ TEST(RegionLayout, ScaleFactorsAreTakenOnlyWhereEveryZoneGeometryHolds) {
     EXPECT_TRUE(RegionManager::ScaleFactorUsable(0, why));
     EXPECT_TRUE(RegionManager::ScaleFactorUsable(2, why)) << why;
     EXPECT_FALSE(RegionManager::ScaleFactorUsable(3, why));
-    EXPECT_FALSE(RegionManager::ScaleFactorUsable(6, why));   // does not divide the Region
+    EXPECT_TRUE(RegionManager::ScaleFactorUsable(14, why)) << why;
+    EXPECT_FALSE(RegionManager::ScaleFactorUsable(4, why));   // cuts superstripe lines of a DRStripe type
+    EXPECT_NE(why.find("DRStripe"), std::string::npos) << why;
     EXPECT_FALSE(RegionManager::ScaleFactorUsable(16, why));  // not whole stripe blocks
-    EXPECT_FALSE(why.empty());
-    EXPECT_FALSE(RegionManager::ScaleFactorUsable(86, why));  // too small to hold its metadata
+    EXPECT_FALSE(RegionManager::ScaleFactorUsable(18, why));  // does not divide the Region
+    EXPECT_NE(why.find("does not divide"), std::string::npos) << why;
     // Every factor taken gives a layout that holds the metadata of any disk size.
     for (unsigned long s = 2; s <= 1024; s += 2) {
         if (!RegionManager::ScaleFactorUsable(s, why)) continue;

@@ -14,6 +14,7 @@
 // Locks: "RMldMapLock" (shared for I/O and allocation, exclusive to load,
 // unload, add or remove a disk), then the disk's "logicalDisk.%u", held
 // extended by the transaction that changes its bitmap or header.
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <ostream>
@@ -22,6 +23,7 @@
 #include "include/IORequest.h"
 #include "include/ManagerBase.h"
 #include "region/LogicalDiskMap.h"
+#include "region/RegionLayout.h"
 #include "region/RecoveryBlock.h"
 #include "util/DataWindow.h"
 #include "util/ErrorInjection/ErrorInjection.h"
@@ -45,6 +47,8 @@ public:
 
     // Disks.
     StatusCode LoadDisk(uint16_t ld);
+    // keepPadding: in, keep the padding the disk has (a former pack member);
+    // out, whether the disk carried no Region metadata before (new to us).
     StatusCode CreateDisk(uint16_t ld, uint32_t& lba0, uint32_t& lba1, bool& keepPadding);
     StatusCode RemoveDisk(uint16_t ld);
     StatusCode CheckRMMetaData(uint16_t ld, uint32_t& padding);
@@ -107,6 +111,7 @@ public:
     StatusCode ConsistencyCheckMD(const LogicalDiskMap& first, const LogicalDiskMap& second, std::ostream& why);
 
     void Dump(std::ostream& out);
+    void PerfInfo(std::ostream& out);
     void DumpRMMetaData(uint16_t ld, std::ostream& out);
     void ListRegionStatus(uint16_t ld, uint32_t first, uint32_t count, std::ostream& out);
     StatusCode internalConsistencyCheck(std::ostream& out) override;
@@ -119,8 +124,12 @@ private:
     StatusCode LoadDiskInternal(uint16_t ld);
     StatusCode ReadRMMD(uint16_t ld, LogicalDiskMap& map, bool allowRepair);
     StatusCode ReadRMMDn(uint16_t ld, uint32_t lba, LogicalDiskMap& map);
+    void FindCopy(uint16_t ld, unsigned copy, uint32_t capacity, const std::array<RegionLayout::Range, 3>& ranges,
+                  const LogicalDiskMap* other, LogicalDiskMap& best, struct FoundCopy& found);
+    uint32_t LastCopyPlace(uint16_t ld, unsigned copy, const RegionLayout& layout);
     StatusCode WriteRMMD(LogicalDiskMap& map, uint32_t bitmapStartSector, uint32_t bitmapSectors,
                          IOTracker& tracker, bool force);
+    void RestoreOnDisk(LogicalDiskMap& map, IOTracker& tracker);
     StatusCode WriteBitmapChange(LogicalDiskMap& map, uint32_t lowRegion, uint32_t highRegion, IOTracker& tracker);
     void FindFirstFreeRegion(LogicalDiskMap& map);
     // Marks the Regions holding DIS ranges and metadata copies allocated; the
@@ -150,8 +159,8 @@ private:
     uint32_t mRegionSectors = 0;    // the pack's Rlba; 0 until created or read
     uint32_t mNewPackRegionBytes;   // default, or as "regionscalefactor" shrinks it
     bool mRecoverySpace = true;
-    uint64_t mRecoveryGeneration = 0;
-    uint64_t mAllocations = 0, mFrees = 0;
+    std::atomic<uint64_t> mRecoveryGeneration{0};
+    std::atomic<uint64_t> mAllocations{0}, mFrees{0}, mMetadataWrites{0}, mRepairs{0}, mRelocations{0};
 
     ErrorInjection mInjection{"rm"};
     int mMetaReadPoint, mMetaWritePoint, mUserReadPoint, mUserWritePoint;

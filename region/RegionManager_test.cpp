@@ -1,9 +1,12 @@
 // The Region layer on simulated disks: what a new pack puts on the disks,
 // allocation and its persistence, and Region I/O at every boundary.
+#include <algorithm>
 #include <set>
+#include <thread>
 
 #include "disk/DisSector.h"
 #include "include/DrivePackInfo.h"
+#include "system/FlashConfigData.h"
 #include "region/RegionTestSupport.h"
 
 namespace {
@@ -252,6 +255,37 @@ TEST_F(RegionManagerTest, AllocationWrapsNeverHalfAllocatesAndSurvivesAReload) {
     t.commit();
 }
 
+TEST_F(RegionManagerTest, SetAsAllocatedAndTheAddressMapsBackAndForth) {
+    makePack({"20G"});
+    IOTracker t(READ_WRITE);
+    uint32_t free0 = 0, free1 = 0;
+    ASSERT_EQ(rm()->GetFreeRegionCount(0, free0, t), StatusCode::Success);
+    ASSERT_EQ(rm()->SetAsAllocated(0, 100, t), StatusCode::Success);
+    ASSERT_EQ(rm()->SetAsAllocated(0, 100, t), StatusCode::Success);  // already: no change
+    EXPECT_EQ(rm()->SetAsAllocated(0, rm()->PhysicalRegions(0), t), StatusCode::RM_RegionNumberInvalid);
+    ASSERT_EQ(t.commit(), StatusCode::Success);
+    ASSERT_EQ(rm()->GetFreeRegionCount(0, free1, t), StatusCode::Success);
+    EXPECT_EQ(free1, free0 - 1);
+    Copy c = readCopy(0, 0x480);
+    EXPECT_TRUE(independent::rabmAllocated(c.bitmap.data(), 100));
+
+    uint32_t region = 0, offset = 0, owner = 0;
+    ASSERT_EQ(rm()->MapLBAToRegion(100 * kStride + kRlba, 0, region, offset), StatusCode::Success);
+    EXPECT_EQ(region, 100u);
+    EXPECT_EQ(offset, kRlba);
+    uint32_t capacity = uint32_t(dm()->GetDriveCapacity(0));
+    EXPECT_EQ(rm()->MapLBAToRegion(capacity, 0, region, offset), StatusCode::RM_BadOffset);
+    ASSERT_EQ(rm()->getRegionOwner(0, 0, owner), StatusCode::Success);
+    EXPECT_EQ(owner, RegionManager::kOwnerRMMetadata | RegionManager::kOwnerDIS);
+    auto dis = disRangesFor(capacity);
+    ASSERT_EQ(rm()->getRegionOwner(0, (dis[1].end + 0x400) / kStride, owner), StatusCode::Success);
+    EXPECT_TRUE(owner & RegionManager::kOwnerRMMetadata);
+    ASSERT_EQ(rm()->getRegionOwner(0, dis[2].first / kStride, owner), StatusCode::Success);
+    EXPECT_EQ(owner, RegionManager::kOwnerDIS);
+    ASSERT_EQ(rm()->getRegionOwner(0, 100, owner), StatusCode::Success);
+    EXPECT_EQ(owner, RegionManager::kOwnerOther);
+}
+
 TEST_F(RegionManagerTest, SavedZoneTableLocationsReachEveryDiskAndSurviveAReload) {
     makePack({"20G", "20G", "20G"});
     IOTracker t(READ_WRITE);
@@ -304,4 +338,157 @@ TEST_F(RegionManagerTest, CreateOfAnExistingDiskAndLoadWithoutDisksAreRefused) {
     EXPECT_EQ(rm()->CreateDisk(0, a, b, keep), StatusCode::RM_DiskExists);
     ASSERT_EQ(dm()->RemoveDisk(0), StatusCode::Success);
     EXPECT_EQ(reload(), StatusCode::RM_NoDisks);
+}
+
+class RegionScaleFactorTest : public RegionTestFixture {
+protected:
+    void TearDown() override {
+        FlashConfigData::GetInstance()->SetValueUint32(FlashConfigData::RegionScaleFactor, 0);
+        rm()->Initialize();
+        RegionTestFixture::TearDown();
+    }
+    std::string initializeWith(unsigned long factor) {
+        EXPECT_EQ(FlashConfigData::GetInstance()->SetValueUint32(FlashConfigData::RegionScaleFactor, factor),
+                  StatusCode::Success);
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(rm()->Initialize(), StatusCode::Success);
+        return testing::internal::GetCapturedStdout();
+    }
+};
+
+TEST_F(RegionScaleFactorTest, UnusableFactorsAreRefusedWithAMessageAndUsableOnesShrinkNewPacks) {
+    std::string out = initializeWith(3);
+    EXPECT_NE(out.find(">>>> RM::Initialize: Invalid regionScaleFactor: 3"), std::string::npos) << out;
+    EXPECT_EQ(rm()->NewPackRegionBytes(), 0x2AA8000u);
+    out = initializeWith(4);
+    EXPECT_NE(out.find("Invalid regionScaleFactor: 4 (a Region of"), std::string::npos) << out;
+    EXPECT_EQ(rm()->NewPackRegionBytes(), 0x2AA8000u);
+
+    initializeWith(14);
+    ASSERT_EQ(rm()->NewPackRegionBytes(), 0x2AA8000u / 14);
+    makePack({"20G"});
+    const uint32_t rlba = kRlba / 14;
+    EXPECT_EQ(rm()->RegionSizeBytes(), uint64_t(rlba) * 512);
+    EXPECT_EQ(SystemDrivePackInfo::GetInstance()->GetRegionSize(), uint64_t(rlba) * 512);
+    Copy c = readCopy(0, 0x480);
+    ASSERT_TRUE(c.header.valid);
+    EXPECT_EQ(c.header.regionSectors, rlba);
+    // The pack keeps its own size when the setting changes back.
+    initializeWith(0);
+    ASSERT_EQ(reload(), StatusCode::Success);
+    EXPECT_EQ(rm()->RegionSizeBytes(), uint64_t(rlba) * 512);
+    IOTracker t(READ_WRITE);
+    uint32_t r = 0;
+    ASSERT_EQ(rm()->AllocateRegions(0, 1, &r, false, t), StatusCode::Success);
+    auto data = pattern(4096, 5);
+    DataWindow w = windowOf(data);
+    ASSERT_EQ(rm()->WriteData(0, r, rlba * 512 - 4096, w, t), StatusCode::Success);
+    DataWindow one(512, 0, 512);
+    EXPECT_EQ(rm()->WriteData(0, r, rlba * 512, one, t), StatusCode::RM_BadOffset);
+    ASSERT_EQ(t.commit(), StatusCode::Success);
+    EXPECT_EQ(raw(0, uint64_t(r) * (rlba + 1) + rlba - 8, 8), data);
+}
+
+TEST_F(RegionManagerTest, AHotAddedDiskJoinsWithThePacksSavedZoneTableLocations) {
+    makePack({"20G", "20G"});
+    IOTracker t(READ_WRITE);
+    ASSERT_EQ(rm()->SetMetaData(0, 1, 300, t), StatusCode::Success);
+    ASSERT_EQ(rm()->SetMetaData(1, 0, 301, t), StatusCode::Success);
+    ASSERT_EQ(t.commit(), StatusCode::Success);
+
+    std::string msg;
+    ASSERT_TRUE(ctl().insertDisk(2, "30G", msg)) << msg;
+    drainMessages();
+    ASSERT_EQ(dm()->AddDisk(2), StatusCode::Success);
+    uint32_t lba0 = 0, lba1 = 0;
+    bool keep = false;
+    ASSERT_EQ(rm()->CreateDisk(2, lba0, lba1, keep), StatusCode::Success);
+    ASSERT_EQ(rm()->LoadDisk(2), StatusCode::Success);
+    EXPECT_EQ(rm()->LoadDisk(2), StatusCode::RM_DiskExists);
+    Copy c = readCopy(2, lba0);
+    ASSERT_TRUE(c.header.valid);
+    EXPECT_EQ(c.header.savedLd[0], 1);
+    EXPECT_EQ(c.header.savedRegion[0], 300u);
+    EXPECT_EQ(c.header.savedRegion[1], 301u);
+    IOTracker a(READ_WRITE);
+    uint32_t r = 0;
+    ASSERT_EQ(rm()->AllocateRegions(2, 1, &r, false, a), StatusCode::Success);
+    ASSERT_EQ(a.commit(), StatusCode::Success);
+
+    // Removal forgets the disk; the pack still loads with all three.
+    ASSERT_EQ(rm()->RemoveDisk(2), StatusCode::Success);
+    EXPECT_FALSE(rm()->IsPresent(2));
+    ASSERT_EQ(reload(), StatusCode::Success);
+    bool allocated = false;
+    IOTracker q(READ_ONLY);
+    ASSERT_EQ(rm()->IsAllocated(2, r, allocated, q), StatusCode::Success);
+    EXPECT_TRUE(allocated);
+}
+
+TEST_F(RegionManagerTest, DisksThatNameDifferentZoneTablesRefuseThePackAndAnEmptySlotIsFilledIn) {
+    makePack({"20G", "20G", "20G"});
+    IOTracker t(READ_WRITE);
+    ASSERT_EQ(rm()->SetMetaData(0, 1, 300, t), StatusCode::Success);
+    ASSERT_EQ(rm()->SetMetaData(1, 2, 301, t), StatusCode::Success);
+    ASSERT_EQ(t.commit(), StatusCode::Success);
+    uint32_t lba1 = disRangesFor(uint32_t(dm()->GetDriveCapacity(2)))[1].end + 0x400;
+
+    // Disk 2 forgets its saved slots: it is brought into line at the load.
+    for (uint32_t lba : {0x480u, lba1})
+        patchHeader(2, lba, [](uint8_t* s) { std::memset(s + 0x20, 0, 0x20); });
+    ASSERT_EQ(reload(), StatusCode::Success);
+    for (uint32_t lba : {0x480u, lba1}) {
+        Copy c = readCopy(2, lba);
+        EXPECT_EQ(c.header.savedRegion[0], 300u);
+        EXPECT_EQ(c.header.savedRegion[1], 301u);
+    }
+    // Disk 2 names another Zone table: two sets, the pack is refused.
+    for (uint32_t lba : {0x480u, lba1})
+        patchHeader(2, lba, [](uint8_t* s) { RegionTestFixture::putBE(s + 0x24, 999); });
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(reload(), StatusCode::RM_MetaDataBad);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(out.find("<<<< RM::LoadDiskPack too many sets of ZM metadata: 2. Bailing out"), std::string::npos)
+        << out;
+    EXPECT_FALSE(rm()->IsPresent(0));
+}
+
+TEST_F(RegionManagerTest, ConcurrentTransactionsAllocateDistinctRegionsAndTheDiskAgrees) {
+    makePack({"20G"});
+    constexpr int kThreads = 4, kRounds = 20;
+    std::vector<std::vector<uint32_t>> got(kThreads);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i)
+        threads.emplace_back([&, i] {
+            for (int k = 0; k < kRounds; ++k) {
+                IOTracker t(READ_WRITE);
+                uint32_t r[2];
+                ASSERT_EQ(rm()->AllocateRegions(0, 2, r, i % 2 == 1, t), StatusCode::Success);
+                ASSERT_EQ(t.commit(), StatusCode::Success);
+                got[i].insert(got[i].end(), r, r + 2);
+                if (k % 3 == 0) {
+                    IOTracker f(READ_WRITE);
+                    ASSERT_EQ(rm()->FreeRegions(0, 1, &r[0], f), StatusCode::Success);
+                    ASSERT_EQ(f.commit(), StatusCode::Success);
+                    got[i].erase(std::find(got[i].begin(), got[i].end(), r[0]));
+                }
+            }
+        });
+    for (auto& th : threads) th.join();
+    std::set<uint32_t> all;
+    size_t total = 0;
+    for (auto& g : got) {
+        all.insert(g.begin(), g.end());
+        total += g.size();
+    }
+    EXPECT_EQ(all.size(), total) << "a Region was handed out twice";
+    ASSERT_EQ(reload(), StatusCode::Success);
+    IOTracker q(READ_ONLY);
+    for (uint32_t r : all) {
+        bool a = false;
+        ASSERT_EQ(rm()->IsAllocated(0, r, a, q), StatusCode::Success);
+        EXPECT_TRUE(a) << r;
+    }
+    std::ostringstream check;
+    EXPECT_EQ(rm()->internalConsistencyCheck(check), StatusCode::Success) << check.str();
 }

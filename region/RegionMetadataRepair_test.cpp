@@ -198,3 +198,44 @@ TEST_F(RegionRepairTest, WhenEveryPlaceInTheRegionFailsTheDiskIsGivenUp) {
     // Copy 1 still stands, so the disk still loads once the fault is gone.
     ctl().forget();
 }
+
+TEST_F(RegionRepairTest, ARepairThatCannotBeWrittenLeavesTheGoodCopyInChargeUntilTheCopyMoves) {
+    uint32_t r = packWithOneAllocation();
+    uint32_t old = copy1Lba(0);
+    patchHeader(0, old, [](uint8_t* s) { s[0x90] ^= 1; }, false);
+    fault(0, {"media", "write", "lba=" + std::to_string(old) + "-" + std::to_string(old), "always"});
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(reload(), StatusCode::Success);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(out.find("Unable to repair metadata! Status: "), std::string::npos) << out;
+    EXPECT_TRUE(allocated(r));
+    EXPECT_EQ(RegionManagerTestAccess::copyLba(0, 1), old);
+    // The error comes back through the error policy: the copy moves and both agree again.
+    rm()->outOfBandError(0, old / kStride, old, 0, StatusCode::MediaError);
+    EXPECT_EQ(RegionManagerTestAccess::copyLba(0, 1), old + 0x400);
+    ASSERT_EQ(reload(), StatusCode::Success);
+    EXPECT_EQ(RegionManagerTestAccess::copyLba(0, 1), old + 0x400);
+    Copy c0 = readCopy(0, 0x480), c1 = readCopy(0, old + 0x400);
+    ASSERT_TRUE(c1.header.valid && c1.bitmapValid);
+    EXPECT_EQ(c0.header.generation, c1.header.generation);
+    EXPECT_TRUE(allocated(r));
+}
+
+TEST_F(RegionRepairTest, AChangeThatReachedOnlyTheFirstCopyIsUndoneOnDiskToo) {
+    uint32_t r = packWithOneAllocation();
+    uint32_t c1 = copy1Lba(0);
+    fault(0, {"media", "write", "lba=" + std::to_string(c1) + "-" + std::to_string(c1), "always"});
+    IOTracker t(READ_WRITE);
+    EXPECT_NE(rm()->FreeRegions(0, 1, &r, t), StatusCode::Success);
+    uint32_t other = 0;
+    EXPECT_NE(rm()->AllocateRegions(0, 1, &other, false, t), StatusCode::Success);
+    t.commit();
+    EXPECT_TRUE(allocated(r));
+    EXPECT_FALSE(allocated(other));
+    std::string err;
+    ASSERT_TRUE(ctl().clearFaults(0, err)) << err;
+    // Copy 0 carries the newer generation: it must still say what the caller was told.
+    ASSERT_EQ(reload(), StatusCode::Success);
+    EXPECT_TRUE(allocated(r)) << "a Region whose free failed came back free";
+    EXPECT_FALSE(allocated(other)) << "a Region whose allocation failed stayed allocated";
+}

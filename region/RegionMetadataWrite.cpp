@@ -4,6 +4,7 @@
 #include "disk/DiskPackManager.h"
 #include "region/RegionInternal.h"
 #include "region/RegionManager.h"
+#include "util/CrashPoint.h"
 
 using namespace region_internal;
 
@@ -12,6 +13,7 @@ using namespace region_internal;
 StatusCode RegionManager::WriteRMMD(LogicalDiskMap& m, uint32_t bitmapStartSector, uint32_t bitmapSectors,
                                     IOTracker& tracker, bool force) {
     if (!mReadWrite && !force) return StatusCode::ReadOnlyMode;
+    ++mMetadataWrites;
     RMMetadataHeader& h = m.header;
     h.generation += 1;
     h.version = RMLayout::kWriteVersion;
@@ -37,6 +39,8 @@ StatusCode RegionManager::WriteRMMD(LogicalDiskMap& m, uint32_t bitmapStartSecto
          "<<<< RM::WriteRMMD: Failed to write second bitmap: "}};
     StatusCode st = StatusCode::Success;
     for (unsigned c = 0; c < 2 && st == StatusCode::Success; ++c) {
+        // A power cut here leaves copy 0 newer than copy 1: the next load's vote mends it.
+        if (c == 1) CrashPoint("rmBetweenCopies");
         uint8_t sector[512];
         h.copyNumber = c;
         h.encode(sector);
@@ -81,6 +85,7 @@ StatusCode RegionManager::RelocateMetaData(unsigned copy, uint16_t ld) {
         return StatusCode::OutOfSpace;
     }
     m->rmLba[copy] = next;
+    ++mRelocations;
     IOTracker tracker(READ_WRITE);
     tracker.flags |= IOTracker::kMeta;
     st = WriteRMMD(*m, 0, 0xFFFF, tracker, true);
