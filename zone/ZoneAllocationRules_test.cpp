@@ -9,6 +9,7 @@
 #include <map>
 
 #include "zone/RedundancyGeometry.h"
+#include "zone/ZoneAllocationModel.h"
 #include "zone/ZoneAllocationRules.h"
 
 namespace {
@@ -115,39 +116,6 @@ TEST(ZoneTypeChoice, MirrorOnlyNarrowsStripes) {
     EXPECT_EQ(R::NarrowForMirrorOnly(RT::SelfMirrored, false), RT::SelfMirrored);
 }
 
-// ---- the model: a type fits when enough disks have its share beyond the
-// reserve; the widest fitting type of the mode wins.
-struct ModelType {
-    RT type;
-    unsigned disks;
-    uint64_t share;
-};
-const std::vector<ModelType> kModelSingle = {{RT::HStripe9, 9, 3}, {RT::HStripe7, 7, 4}, {RT::HStripe5, 5, 6},
-                                             {RT::HStripe4, 4, 8}, {RT::HStripe3, 3, 12}, {RT::Mirrored, 2, 24}};
-const std::vector<ModelType> kModelDual = {{RT::DRStripe10, 10, 3}, {RT::DRStripe8, 8, 4}, {RT::DRStripe6, 6, 6},
-                                           {RT::DRStripe5, 5, 8},   {RT::DRStripe4, 4, 12}, {RT::Mirrored3, 3, 24}};
-
-bool modelChoose(const std::vector<uint64_t>& counts, bool dual, ModelType& out) {
-    const bool dualMode = dual && counts.size() > 2;
-    for (const ModelType& t : dualMode ? kModelDual : kModelSingle) {
-        unsigned roomy = 0;
-        for (uint64_t c : counts) roomy += c >= 24 + t.share;
-        if (roomy >= t.disks) {
-            out = t;
-            return true;
-        }
-    }
-    return false;
-}
-
-// Takes the share from the disks with the most free Regions.
-void modelTake(std::vector<uint64_t>& counts, const ModelType& t) {
-    std::vector<size_t> order(counts.size());
-    for (size_t i = 0; i < order.size(); ++i) order[i] = i;
-    std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) { return counts[a] > counts[b]; });
-    for (unsigned i = 0; i < t.disks; ++i) counts[order[i]] -= t.share;
-}
-
 TEST(ZoneTypeChoice, MixedSizesFollowTheRulesUntilOutOfSpace) {
     const std::vector<std::vector<uint64_t>> packs = {
         {900, 700, 300, 120},          {400, 400, 400, 400, 100, 100, 60, 30},
@@ -159,8 +127,8 @@ TEST(ZoneTypeChoice, MixedSizesFollowTheRulesUntilOutOfSpace) {
             std::map<std::string, unsigned> seen;
             for (unsigned step = 0;; ++step) {
                 ASSERT_LT(step, 10000u);
-                ModelType want{};
-                const bool modelFits = modelChoose(model, dual, want);
+                ZoneAllocationModel::Type want{};
+                const bool modelFits = ZoneAllocationModel::choose(model, dual, want);
                 std::vector<FreeRegions> v = pack(real);
                 RT got = RT::Unset;
                 StatusCode st = R::ChooseRedundancy(v, switches(dual), true, false, got);
@@ -170,7 +138,7 @@ TEST(ZoneTypeChoice, MixedSizesFollowTheRulesUntilOutOfSpace) {
                 ++seen[name(got)];
                 // Take the Regions as allocation does: the first disks in sorted order.
                 for (unsigned i = 0; i < R::DisksFor(got); ++i) real[v[i].ld] -= R::SharePerDisk(got);
-                modelTake(model, want);
+                ZoneAllocationModel::take(model, want);
                 std::vector<uint64_t> a = real, b = model;
                 std::sort(a.begin(), a.end());
                 std::sort(b.begin(), b.end());

@@ -36,6 +36,8 @@ public:
     StatusCode UnloadDiskPackReadOnly() { return UnloadDiskPack(); }
     bool packLoaded() const { return mPackLoaded; }
     bool readOnly() const { return mReadOnly; }
+    // This load made Zone 0: the pack is new, and its Zone 0 directory blank.
+    bool zoneZeroBornThisLoad() const { return mZoneZeroBorn; }
     ZoneTable& zoneTable() { return *ZoneTable::GetInstance(); }
 
     // Whether losing the LD would lose data: the only Zone table copy left,
@@ -175,6 +177,7 @@ private:
     StatusCode reuseEntry(uint32_t zone, IOTracker& tracker);
     bool mPackLoaded = false;
     bool mReadOnly = false;
+    bool mZoneZeroBorn = false;
     uint8_t mStripingThreshold = 50;
     uint64_t mPotentialZoneCount = 0;
 

@@ -24,6 +24,7 @@ StatusCode ZoneManager::LoadDiskPackReadOnly() {
 StatusCode ZoneManager::LoadDiskPack() {
     ZoneTable& table = zoneTable();
     table.setReadOnly(mReadOnly);
+    mZoneZeroBorn = false;
     IOTracker tracker(READ_WRITE);
     StatusCode st;
     bool zoneZeroValid;
@@ -52,6 +53,7 @@ StatusCode ZoneManager::LoadDiskPack() {
             tracker.commitIfDirty();
             return StatusCode::InitFailed;
         }
+        mZoneZeroBorn = true;
         // The entry commits first: Zone I/O takes the table lock shared, which
         // the allocation holds exclusive until its transaction commits.
         st = tracker.commit();
@@ -113,6 +115,7 @@ StatusCode ZoneManager::UnloadDiskPack() {
     zoneTable().setReadOnly(false);
     mPackLoaded = false;
     mReadOnly = false;
+    mZoneZeroBorn = false;
     SystemDrivePackInfo::GetInstance()->unset(SystemDrivePackInfo::ZoneSize);
     return StatusCode::Success;
 }

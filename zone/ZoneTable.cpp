@@ -2,6 +2,7 @@
 
 #include <iomanip>
 
+#include "management/EventLogManager.h"
 #include "region/RegionManager.h"
 #include "util/Assert.h"
 #include "util/Trace.h"
@@ -143,7 +144,10 @@ StatusCode ZoneTable::SetUseSelfmirrored(bool on) {
 StatusCode ZoneTable::SetDualRedundancyMode(bool on) {
     StatusCode st = setFlag(ZISHeader::kUseDualRedundancy, on);
     if (st != StatusCode::Success) return st;
-    ESA_CONSOLE("ZoneManager: " << (on ? "Enabling use of dual-redundant Zones" : "Disabling use of dual-redundant Zones"));
+    const std::string text = std::string("ZoneManager: ") +
+                             (on ? "Enabling use of dual-redundant Zones" : "Disabling use of dual-redundant Zones");
+    ESA_CONSOLE(text);
+    if (EventLogManager* log = EventLogManager::EventLog()) log->PostEvent(text);
     LayoutManager::GetInstance()->InitiateBackgroundRepair();
     return st;
 }

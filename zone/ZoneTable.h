@@ -125,6 +125,7 @@ private:
     bool mHasLocation[kCopies] = {};
     bool mReadOnly = false;
     bool mLoaded = false;
+    uint32_t mLoadedVersion = ZISHeader::kVersion;  // the version the last table load found
 };
 
 // Disk choice over the available disks, most free Regions first.

@@ -243,6 +243,7 @@ StatusCode ZoneTable::ReadZISAndTable(uint16_t ld, uint32_t region, uint32_t off
     ZISHeader h;
     if (ZISFormat::DecodeHeader(block.data(), h) != StatusCode::Success) return StatusCode::BadMetadata;
     ESA_CONSOLE("Found ZIS layout version " << h.version);
+    mLoadedVersion = h.version;
     const uint32_t R = regionSize();
     const uint32_t entrySize = ZISFormat::EntrySize(h.version);
     if (h.tableOffset % 512 || uint64_t(h.tableOffset) + uint64_t(h.entryCount) * entrySize > R) {
@@ -376,6 +377,7 @@ StatusCode ZoneTable::LoadZoneTable(IOTracker& tracker) {
             }
         }
         int loadedFrom = -1;
+        uint32_t loadedVersion = ZISHeader::kVersion;
         for (unsigned i = 0; i < kCopies && loadedFrom < 0; ++i) {
             if (!usable[i]) continue;
             ESA_CONSOLE(kCopyName[i] << "ZIS: Disk=" << ld[i] << ", Region=" << region[i] << ", Offset=0");
@@ -389,6 +391,7 @@ StatusCode ZoneTable::LoadZoneTable(IOTracker& tracker) {
                 }
             }
             StatusCode st = ReadZISAndTable(ld[i], region[i], 0, tracker);
+            loadedVersion = mLoadedVersion;
             if (st == StatusCode::Success) loadedFrom = int(i);
             else ESA_CONSOLE("Unable to load " << kCopyName[i] << "ZIS - " << st);
         }
@@ -396,7 +399,8 @@ StatusCode ZoneTable::LoadZoneTable(IOTracker& tracker) {
             ESA_CONSOLE("Failed to load any copy of the ZIS");
             return StatusCode::BadMetadata;
         }
-        if (mReadOnly) return StatusCode::Success;
+        // An old format was rewritten to three fresh copies as it loaded.
+        if (mReadOnly || zis().version != loadedVersion) return StatusCode::Success;
         bool good[kCopies];
         bool anyBad = false;
         std::ostringstream report;
@@ -406,10 +410,9 @@ StatusCode ZoneTable::LoadZoneTable(IOTracker& tracker) {
         }
         ESA_TRACE(tZtd, report.str());
         if (!anyBad) return StatusCode::Success;
-        IOTracker repair(READ_WRITE);
-        StatusCode st = RepairZoneTable(good[0], good[1], good[2], repair);
-        StatusCode c = repair.commit();
-        return st != StatusCode::Success ? st : c;
+        // The repair joins the load's transaction: it may follow Region
+        // allocations of that transaction, whose locks it holds to commit.
+        return RepairZoneTable(good[0], good[1], good[2], tracker);
     }
     if (mReadOnly) {
         ESA_CONSOLE("No ZIS locations available from RegionManager, cannot create in read-only mode");
