@@ -131,6 +131,7 @@ TEST_F(ZoneManagerOnDisks, ConsoleCorruptZisIsRepairedAtTheNextLoad) {
 }
 
 TEST_F(ZoneManagerOnDisks, ConsoleCommandsOfTheTable) {
+    EXPECT_NE(console("dualRedundancy on").find("Unable"), std::string::npos) << "no pack, no switch";
     makeZonePack({"20G", "20G", "20G", "20G"});
     EXPECT_NE(console("dumpZoneTableEntry 0").find("Mirrored"), std::string::npos);
     EXPECT_NE(console("dumpZoneTableEntry 99").find("past the end"), std::string::npos);
