@@ -26,7 +26,7 @@ protected:
         EventManager::GetInstance()->Initialize();
         EventManager::GetInstance()->EnableEventHandling();
         EventManager::GetInstance()->AddHandlerEnd(eCalendar, nullptr, countCalendarEvent, &mHandlerId);
-        Zone0InfoTable::GetInstance()->EraseEntry(CalServ::kZone0Entry);
+        Zone0InfoTable::GetInstance()->UseMemoryZone();
         setWall(wall());  // on a whole second, so that the sums below are exact
         cal = start();
     }

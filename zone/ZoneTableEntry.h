@@ -1,14 +1,19 @@
 #pragma once
 // ZoneTable::ZoneTableEntry lives here as ZoneTableEntry: one Zone's layout,
-// 0x1C0 bytes, the same in memory and on disk (little-endian): its number,
-// RedundancyType, the logical disk and Region of each of 72 Region slots
-// (Region 0 = no Region) and its flags. The geometry functions turn a byte
-// offset in the Zone into a Region slot; they need the pack's Region size.
+// 0x1C0 bytes, the same in memory and on disk (little-endian, written through
+// ZISFormat's explicit codec): its number, RedundancyType, the logical disk and
+// Region of each of 72 Region slots (Region 0 = no Region) and its flags. The
+// geometry functions turn a byte offset in the Zone into a Region slot; they
+// need the pack's Region size. The degraded and critical predicates read the
+// pack's present disks and its dual-redundancy switch; their forms that take
+// a missing list and the switch are pure.
 #include <cstdint>
+#include <vector>
 
 #include "include/DrivePackInfo.h"
 #include "util/StatusCode.h"
 #include "zone/RedundancyGeometry.h"
+#include "zone/ZoneRedundancyState.h"
 
 struct ZoneTableEntry {
     static constexpr unsigned kSlots = 72;
@@ -24,9 +29,49 @@ struct ZoneTableEntry {
 
     RedundancyType type() const { return static_cast<RedundancyType>(redundancyType); }
     bool inUse() const { return flags & kInUse; }
+    bool isMetadata() const { return flags & kMetadata; }
+    bool isMirrorOnly() const { return flags & kMirrorOnly; }
+    bool isPreinitialized() const { return flags & kPreinitialized; }
     void clearSlots() {
         for (unsigned i = 0; i < kSlots; ++i) disk[i] = 0, region[i] = 0;
     }
+    // A fresh entry: type unset, no flags, no Regions.
+    static ZoneTableEntry Fresh() {
+        ZoneTableEntry e;
+        e.clearSlots();
+        return e;
+    }
+
+    // ---- what the entry holds
+    // Regions in the first GetRegionCount slots for each LD (counts of 24).
+    void GetRegionsPerLogicalDisk(uint32_t counts[24]) const;
+    bool UsesDisk(uint16_t ld) const { return state({}, false).UsesDisk(ld); }
+    // True unless slots 0 and 1 are both empty in disk and Region.
+    bool HasRegions() const { return !(disk[0] == 0 && region[0] == 0 && disk[1] == 0 && region[1] == 0); }
+    // Some slot within the type's Region count has no Region.
+    bool HasUnusableRegions() const;
+    // The type ranks at least Mirrored and the Zone is not Zone 0.
+    bool CanPatch() const;
+    // Byte comparison, LastWrittenTimestamp ignored.
+    bool Matches(const ZoneTableEntry& other) const;
+    bool DualRedundancy() const { return RedundancyGeometry::DualRedundancy(type()); }
+
+    // ---- degraded and critical, against the pack as it stands (present
+    // disks from the pack layer, dual-redundancy switch from the Zone table)
+    bool IsDegraded() const;
+    bool IsDoubleDegraded() const;
+    // kind: 0 data, 1 first code, 2 second code at `offset`.
+    bool IsDegradedRegion(uint32_t offset, unsigned kind) const;
+    bool UsesMissingDisk() const;
+    bool DiskIsCritical(uint16_t ld) const;
+
+    // ---- the same against a given missing list and switch
+    ZoneRedundancyState state(const std::vector<uint16_t>& missing, bool dualMode) const {
+        return ZoneRedundancyState(ZoneSlotsView{type(), zoneNumber, inUse(), disk, region}, knownRegionSize(),
+                                   missing, dualMode);
+    }
+    // The LDs (0 to 23) that the pack layer does not report present now.
+    static std::vector<uint16_t> MissingDisks();
 
     RedundancyGeometry geometry() const {
         return RedundancyGeometry(type(), zoneNumber,
@@ -52,6 +97,10 @@ struct ZoneTableEntry {
     unsigned GetRegionCount() const { return RedundancyGeometry::GetRegionCount(type()); }
 
 private:
+    static uint32_t knownRegionSize() {
+        SystemDrivePackInfo* info = SystemDrivePackInfo::GetInstance();
+        return info->isSet(SystemDrivePackInfo::RegionSize) ? uint32_t(info->GetRegionSize()) : 0;
+    }
     StatusCode slotOf(RegionCopy copy, uint32_t offset, unsigned& slot) const {
         if (!RedundancyGeometry::IsSupported(type())) return StatusCode::BadMetadata;
         RegionPlace place{};
