@@ -47,6 +47,19 @@ TEST_F(Zone0OnDisks, ANewPackGetsAnEmptyDirectory) {
     ZoneTableEntry zero;
     table().RawLookupZone(0, zero);
     EXPECT_TRUE(zero.isMetadata() && zero.isMirrorOnly());
+    // Every Region of Zone 0 says who owns it.
+    IOTracker t(READ_ONLY);
+    for (unsigned s : {0u, 23u, 24u, 47u}) {
+        _ZoneOwnership owner;
+        ASSERT_EQ(rm()->GetZoneOwnership(zero.disk[s], zero.region[s], owner, t), StatusCode::Success);
+        EXPECT_EQ(owner.owner, _ZoneOwnership::kZ0IT) << "slot " << s;
+        RecoveryBlock rb;
+        ASSERT_EQ(rm()->ReadRecoveryBlock(zero.disk[s], zero.region[s], rb, t), StatusCode::Success);
+        EXPECT_EQ(rb.zis.zoneNumber, 0u);
+        EXPECT_EQ(rb.zis.arrayIndex, s);
+        EXPECT_EQ(rb.zis.redundancyType, uint32_t(RedundancyType::Mirrored));
+    }
+    t.commitIfDirty();
 }
 
 TEST_F(Zone0OnDisks, AreasAreCreatedAndFoundAfterARestartWithTheirContents) {

@@ -98,6 +98,27 @@ TEST_F(ZoneManagerOnDisks, APulledCopyIsRebuiltOnADiskThatHoldsNoOtherCopy) {
     EXPECT_EQ(table().LookupZone(zone, e), StatusCode::Success);
 }
 
+TEST_F(ZoneManagerOnDisks, ACopyOnAFullDiskMovesToOneWithRoom) {
+    makeZonePack({"20G", "20G", "20G", "20G"});
+    const Location before = copy(1);
+    // Fill the secondary's disk to below the reserve.
+    IOTracker t(READ_WRITE);
+    uint32_t free = 0;
+    ASSERT_EQ(rm()->GetFreeRegionCount(before.ld, free, t), StatusCode::Success);
+    std::vector<uint32_t> taken(free - 10);
+    ASSERT_EQ(rm()->AllocateRegions(before.ld, uint32_t(taken.size()), taken.data(), false, t), StatusCode::Success);
+    t.commit();
+    ASSERT_EQ(table().ZoneTableProtected(nullptr), StatusCode::Success);
+    const Location after = copy(1);
+    EXPECT_NE(after.ld, before.ld);
+    EXPECT_NE(after.ld, copy(0).ld);
+    EXPECT_NE(after.ld, copy(2).ld);
+    std::ostringstream report;
+    EXPECT_TRUE(table().ConsistencyCheck(1, report, false)) << report.str();
+    ASSERT_EQ(reloadZones(), StatusCode::Success);
+    EXPECT_EQ(copy(1).ld, after.ld);
+}
+
 TEST_F(ZoneManagerOnDisks, ConsoleCorruptZisIsRepairedAtTheNextLoad) {
     makeZonePack({"20G", "20G", "20G", "20G"});
     const Location before = copy(0);
@@ -110,6 +131,7 @@ TEST_F(ZoneManagerOnDisks, ConsoleCorruptZisIsRepairedAtTheNextLoad) {
 }
 
 TEST_F(ZoneManagerOnDisks, ConsoleCommandsOfTheTable) {
+    EXPECT_NE(console("dualRedundancy on").find("Unable"), std::string::npos) << "no pack, no switch";
     makeZonePack({"20G", "20G", "20G", "20G"});
     EXPECT_NE(console("dumpZoneTableEntry 0").find("Mirrored"), std::string::npos);
     EXPECT_NE(console("dumpZoneTableEntry 99").find("past the end"), std::string::npos);

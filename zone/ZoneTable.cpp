@@ -119,6 +119,8 @@ void ZoneTable::UnloadZoneTable() {
 }
 
 StatusCode ZoneTable::setFlag(uint16_t flag, bool on) {
+    // The switches live in the ZIS: without a loaded table there is none to keep them.
+    if (!mLoaded) return StatusCode::DiskPackNotLoaded;
     IOTracker tracker(READ_WRITE);
     StatusCode st;
     {
