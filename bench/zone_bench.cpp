@@ -47,7 +47,7 @@ constexpr int kDisks = 8;
 constexpr uint64_t kDiskSectors = 1ull << 25;  // 16 GiB sparse disks
 constexpr uint32_t kChunk = 1 << 20;
 constexpr uint32_t kSpan = 128u << 20;  // Zone data each pass moves
-constexpr int kTries = 5;
+constexpr int kTries = 7;
 
 double seconds(Clock::time_point a, Clock::time_point b) { return std::chrono::duration<double>(b - a).count(); }
 

@@ -92,6 +92,7 @@ int zmReadData(int argc, char** argv, std::ostream& out) {
 
 int zmdump(int argc, char** argv, std::ostream& out) {
     ZoneManager::GetInstance()->DumpIO(out);
+    ZoneManager::GetInstance()->PerfInfoIO(out);
     LayoutManager::GetInstance()->Dump(out);
     uint64_t zone = 0;
     if (argc > 1) {

@@ -16,6 +16,7 @@
 #include "region/RecoveryBlock.h"
 #include "util/DataWindow.h"
 #include "util/IOTracker.h"
+#include "util/PerfAccumulator.h"
 #include "zone/ZoneAllocationRules.h"
 #include "zone/ZoneStripeLock.h"
 #include "zone/ZoneTable.h"
@@ -93,6 +94,8 @@ public:
     // work and fail only when more copies fail than the Zone's type can lose.
     static constexpr uint32_t kStripeBlock = 0x1000;
     static constexpr uint32_t kZeroedWindowSize = 0x100000;
+    // A Zone read, write or rebuild slower than this is reported on the console.
+    static constexpr uint64_t kSlowIOMicroseconds = 10000000;
 
     StatusCode ReadData(uint32_t zone, uint64_t offset, DataWindow& window, IOTracker& tracker);
     // `locks`, when given, are the caller's LockStripes for the same range:
@@ -166,6 +169,9 @@ public:
     const DataWindow& zeroedWindow() const { return m_zeroed_window; }
     ZoneWriteCooperation& writeCooperation() { return mCoop; }
     void DumpIO(std::ostream& out);
+    // Timings of whole Zone reads and writes and of column rebuilds.
+    void PerfInfoIO(std::ostream& out);
+    void ClearPerfInfoIO();
 
 private:
     ZoneManager() = default;
@@ -206,4 +212,6 @@ private:
     std::atomic<bool> mIOReadOnly{false};
     std::atomic<uint32_t> mLastVerifyDifferences{0};
     std::ostream* mVerifyReport = nullptr;
+    PerfAccumulator mReadTimes, mWriteTimes;
+    mutable PerfAccumulator mRecoverTimes;  // sampled by the const rebuilds
 };

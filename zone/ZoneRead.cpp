@@ -47,6 +47,7 @@ DataWindow ZoneManager::makeZeroedWindow() {
 }
 
 StatusCode ZoneManager::ReadData(uint32_t zone, uint64_t offset, DataWindow& window, IOTracker& tracker) {
+    PerfSamplerLimitForced sample(&mReadTimes, "ZM::ReadData", kSlowIOMicroseconds);
     ExtendingLockObject::SharedLockInstance table(&ZoneTable::GetInstance()->tableLock());
     return ReadDataNoLock(zone, offset, window, tracker, nullptr);
 }
@@ -205,6 +206,7 @@ StatusCode ZoneManager::ReadReconstructedData(uint32_t& zone, uint32_t& offset, 
 
 StatusCode ZoneManager::recoverColumn(const ZoneTableEntry& entry, DataWindow& column, uint32_t offset,
                                       IOTracker& tracker) const {
+    PerfSamplerLimitForced sample(&mRecoverTimes, "ZM column rebuild", kSlowIOMicroseconds);
     const unsigned width = entry.GetStripeWidth();
     return RedundancyGeometry::IsHStripe(entry.type())
                ? RecoverHStripeBlock(column, width, entry, offset, tracker)

@@ -287,6 +287,21 @@ StatusCode ZoneManager::FlushZone(uint32_t zone) {
     return result;
 }
 
+void ZoneManager::PerfInfoIO(std::ostream& out) {
+    out << "ZM read times:\n";
+    mReadTimes.Dump(out);
+    out << "ZM write times:\n";
+    mWriteTimes.Dump(out);
+    out << "ZM column rebuild times:\n";
+    mRecoverTimes.Dump(out);
+}
+
+void ZoneManager::ClearPerfInfoIO() {
+    mReadTimes.reset();
+    mWriteTimes.reset();
+    mRecoverTimes.reset();
+}
+
 void ZoneManager::DumpIO(std::ostream& out) {
     out << "ZoneManager I/O: parallel IOs " << (parallelIOs() ? "enabled" : "disabled")
         << ", write thread cooperation " << (coopEnabled() ? "enabled" : "disabled")

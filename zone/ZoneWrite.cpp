@@ -22,6 +22,7 @@ bool ZoneManager::ioReadOnly() const {
 }
 
 StatusCode ZoneManager::WriteData(uint32_t zone, uint64_t offset, DataWindow& window, IOTracker& tracker) {
+    PerfSamplerLimitForced sample(&mWriteTimes, "ZM::WriteData", kSlowIOMicroseconds);
     ExtendingLockObject::SharedLockInstance table(&ZoneTable::GetInstance()->tableLock());
     return WriteDataNoLock(zone, offset, window, tracker, nullptr);
 }

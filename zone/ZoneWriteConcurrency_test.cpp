@@ -4,6 +4,7 @@
 #include <atomic>
 #include <random>
 
+#include "cache/RegionMetaDataTracker.h"
 #include "zone/ZoneIOTestFixture.h"
 
 namespace {
@@ -86,5 +87,45 @@ TEST_F(ZoneIOTest, TheWriteThreadHoldingALineWritesItsNeighboursHalf) {
         EXPECT_TRUE(readMatches(zone, 0x100000 + l * line, 0x1000, 40));
         EXPECT_TRUE(readMatches(zone, 0x100000 + l * line + 0x1000, 0x1000, 41));
         expectParityOnDisk(e, 0x100000 + l * line);
+    }
+}
+
+TEST_F(ZoneIOTest, ACallerHoldingLockStripesKeepsOtherWritersOutUntilItUnlocks) {
+    loadPack(4);
+    ZoneManager* zm = ZoneManager::GetInstance();
+    for (RedundancyType type : {RedundancyType::Mirrored, RedundancyType::HStripe4, RedundancyType::DRStripe4}) {
+        SCOPED_TRACE(RedundancyGeometry::DecodeRedundancyType(uint32_t(type)));
+        const uint32_t zone = makeZone(type);
+        const uint32_t boundary = entryOf(zone).GetRegionBoundary();
+        const uint32_t offset = boundary - 0x2000, length = 0x4000;  // two pieces, across a Region boundary
+        IOTracker holder(READ_WRITE);
+        StripeLocks locks;
+        std::atomic<bool> done{false};
+        std::thread other;
+        {
+            // The table lock (shared) is the outer lock for as long as the lines are held.
+            ExtendingLockObject::SharedLockInstance table(&ZoneTable::GetInstance()->tableLock());
+            ASSERT_EQ(zm->LockStripes(zone, offset, length, locks, holder), StatusCode::Success);
+            ASSERT_EQ(locks.size(), 2u);
+            DataWindow w(length, 0, length);
+            ZoneDataCheck::fill(w, 70, offset);
+            ASSERT_EQ(zm->WriteDataNoLock(zone, offset, w, holder, &locks), StatusCode::Success);
+            DataWindow back(length, 0, length);
+            ASSERT_EQ(zm->ReadDataNoLock(zone, offset, back, holder, &locks), StatusCode::Success);
+            EXPECT_TRUE(ZoneDataCheck::matches(back, 70, offset, &std::cerr));
+            // Another writer of the same lines backs off on the held range and waits.
+            const uint64_t backoffs = RegionMetaDataTracker::GetInstance()->stats().backoffs;
+            other = std::thread([&] {
+                EXPECT_EQ(write(zone, offset + 0x1000, 0x2000, 71), StatusCode::Success);
+                done = true;
+            });
+            while (RegionMetaDataTracker::GetInstance()->stats().backoffs == backoffs) std::this_thread::yield();
+            EXPECT_FALSE(done.load()) << "the other writer got in while the lines were held";
+            EXPECT_EQ(zm->UnlockStripes(zone, offset, length, locks, holder), StatusCode::Success);
+        }
+        holder.commitIfDirty();
+        other.join();
+        EXPECT_TRUE(readMatches(zone, offset + 0x1000, 0x2000, 71));
+        EXPECT_TRUE(readMatches(zone, offset, 0x1000, 70));
     }
 }
