@@ -218,7 +218,10 @@ uint64_t CacheRangeTracker::roundedLimit(uint64_t start, uint64_t end, uint32_t 
 void CacheRangeTracker::giveBackExtension(CacheRangeObject* cro, IOTracker& tracker) {
     // Only this call chain's extension is given back: one the transaction
     // holds for a range it dirtied (through another CTO) lasts until commit.
-    if (cro->mLock.extendCount() == 1 && cro->mDirtyCount == 0) cro->mLock.UnextendLock(tracker);
+    // A transaction that committed before it unlocked holds the lock no
+    // longer extended: only the plain release is left.
+    if (cro->mLock.extendCount() == 1 && cro->mDirtyCount == 0 && cro->mLock.transID() == tracker.getID())
+        cro->mLock.UnextendLock(tracker);
 }
 
 StatusCode CacheRangeTracker::LockRangeHelper(uint32_t set, uint64_t start, uint32_t length,
@@ -433,7 +436,7 @@ void CacheRangeTracker::UnlockRange(CacheTrackerObject* cto) {
             bool held = mLock.OwnsLock();
             if (!held) mLock.LockExclusive();
             if (cro->mLock.extendCount() == 1) {
-                cro->mLock.UnextendLock(cto->mTracker);
+                if (cro->mLock.transID() == cto->mTracker.getID()) cro->mLock.UnextendLock(cto->mTracker);
                 destroyCro(cro, true);
             } else {
                 cro->mLock.LockReleaseExtending();
@@ -445,7 +448,7 @@ void CacheRangeTracker::UnlockRange(CacheTrackerObject* cto) {
         cro->mLock.LockReleaseExtending();
     }
     cto->mCROs.swap(keep);
-    if (!cto->mDirty) delete cto;
+    if (cto->ReleaseByCaller()) delete cto;
 }
 
 StatusCode CacheRangeTracker::WriteRange(CacheTrackerObject* cto, IOTracker& tracker) {

@@ -10,6 +10,7 @@
 #include "system/SystemManager.h"
 #include "system/nvram.h"
 #include "util/Assert.h"
+#include "util/MemoryPool.h"
 #include "util/Trace.h"
 
 using namespace j2;
@@ -22,6 +23,7 @@ bool sampleThisOne() {
 }  // namespace
 
 J2Manager* J2Manager::GetInstance() {
+    if (J2Manager* standIn = sStandIn.load(std::memory_order_acquire)) return standIn;
     static J2Manager* instance = new J2Manager(nullptr, true);
     return instance;
 }
@@ -63,6 +65,14 @@ void J2Manager::installTrackerHooks() {
         return uint32_t(n);
     };
     IOTracker::journal.addClid = [](IOTracker& t, CacheTrackerObject* c) { target->addClid(t, c); };
+    // A cache pool whose blocks are all pinned by committed sets asks for a
+    // spill; the request never waits, the pool retries after a tick.
+    MemoryPool::setSpillRequest([](MemoryPool&, uint32_t) { target->requestSpill(); });
+}
+
+void J2Manager::removeTrackerHooks() {
+    IOTracker::journal = IOTracker::JournalHooks{};
+    MemoryPool::setSpillRequest(nullptr);
 }
 
 J2set* J2Manager::findSet(uint64_t id, J2set** prev) const {
