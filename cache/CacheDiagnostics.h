@@ -1,8 +1,12 @@
 #pragma once
 // The range cache's diagnostic contexts: every public cache operation keeps one
-// on its stack, registered with CacheManagerDiagnosticsHandler, so that a
-// crash dump lists what each thread is doing in which cache.
+// on its stack, so that a crash dump lists what each thread is doing in which
+// cache. A thread that uses the cache is registered once with
+// CacheManagerDiagnosticsHandler (CacheThreadContext); each operation only
+// links itself into its own thread's record, under that record's own lock,
+// so that the cache's hit path shares no lock between threads for this.
 #include <cstdint>
+#include <mutex>
 #include <ostream>
 
 #include "util/Diagnostics.h"
@@ -12,11 +16,41 @@ class CacheTrackerObject;
 
 DiagnosticHandler& CacheManagerDiagnosticsHandler();
 
+class CacheOpContext {
+public:
+    CacheOpContext(const CacheOpContext&) = delete;
+    CacheOpContext& operator=(const CacheOpContext&) = delete;
+    virtual void DisplayContext(std::ostream& out) = 0;
+
+protected:
+    CacheOpContext();
+    virtual ~CacheOpContext();
+
+private:
+    friend class CacheThreadContext;
+    CacheOpContext* mOuter = nullptr;
+};
+
+// The cache operations one thread is inside, innermost first, as the
+// diagnostics handler shows them.
+class CacheThreadContext : public DiagnosticContext {
+public:
+    static CacheThreadContext& forThisThread();
+    void DisplayContext(std::ostream& out) override;
+    void push(CacheOpContext* op);
+    void pop(CacheOpContext* op);
+
+private:
+    CacheThreadContext() : DiagnosticContext(CacheManagerDiagnosticsHandler()) {}
+    std::mutex mLock;
+    CacheOpContext* mTop = nullptr;
+};
+
 // An operation on (set, start, length).
-class CRTRangeContext : public DiagnosticContext {
+class CRTRangeContext : public CacheOpContext {
 public:
     CRTRangeContext(const char* op, CacheRangeTracker& t, uint32_t set, uint64_t start, uint32_t length)
-        : DiagnosticContext(CacheManagerDiagnosticsHandler()), mOp(op), mTracker(t), mSet(set), mStart(start),
+        : mOp(op), mTracker(t), mSet(set), mStart(start),
           mLength(length) {}
     void DisplayContext(std::ostream& out) override;
 
@@ -29,10 +63,10 @@ private:
 };
 
 // An operation on a CTO.
-class CTOContext : public DiagnosticContext {
+class CTOContext : public CacheOpContext {
 public:
     CTOContext(const char* op, CacheRangeTracker& t, CacheTrackerObject* cto)
-        : DiagnosticContext(CacheManagerDiagnosticsHandler()), mOp(op), mTracker(t), mCto(cto) {}
+        : mOp(op), mTracker(t), mCto(cto) {}
     void DisplayContext(std::ostream& out) override;
 
 private:
@@ -42,10 +76,10 @@ private:
 };
 
 // An operation on two CTOs (a copy between caches).
-class CTO2Context : public DiagnosticContext {
+class CTO2Context : public CacheOpContext {
 public:
     CTO2Context(const char* op, CacheTrackerObject* a, CacheTrackerObject* b)
-        : DiagnosticContext(CacheManagerDiagnosticsHandler()), mOp(op), mA(a), mB(b) {}
+        : mOp(op), mA(a), mB(b) {}
     void DisplayContext(std::ostream& out) override;
 
 private:

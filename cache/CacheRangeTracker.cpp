@@ -296,6 +296,63 @@ StatusCode CacheRangeTracker::LockRangeHelper(uint32_t set, uint64_t start, uint
     return StatusCode::Success;
 }
 
+bool CacheRangeTracker::lockCachedRange(uint32_t set, uint64_t start, uint32_t length, CacheTrackerObject*& cto,
+                                        IOTracker& tracker) {
+    if (set >= mSets.size()) return false;
+    // A plain descent, no splay: readers share the tree and must not reshape it.
+    CacheRangeObject* cur = nullptr;
+    for (SplayNode* n = mRoots[set]; n;) {
+        CacheRangeObject* c = asCro(n);
+        if (start < c->mStart) n = n->left;
+        else if (start >= c->end()) n = n->right;
+        else {
+            cur = c;
+            break;
+        }
+    }
+    if (!cur) return false;
+    const uint64_t end = start + length;
+    const uint32_t es = GetElementSize();
+    CacheTrackerObject* c = new CacheTrackerObject(*this, set, start, length, tracker);
+    uint64_t pos = start;
+    for (;;) {
+        // Only a lock that is free (or already this transaction's) is taken:
+        // waiting is for the exclusive path, outside the tracker lock.
+        if (!cur->mLock.TryLockExclusiveExtending(tracker)) {
+            backOut(c, tracker);
+            return false;
+        }
+        c->mCROs.push_back(cur);
+        if (!cur->pStore) {
+            backOut(c, tracker);
+            return false;
+        }
+        uint64_t ovEnd = std::min(end, cur->end());
+        c->mWindow.add(*cur->pStore, uint32_t((pos - cur->mStoredStart) * es), uint32_t((ovEnd - pos) * es));
+        pos = ovEnd;
+        if (pos >= end) break;
+        cur = nextCro(cur);
+        if (!cur || cur->mStart != pos) {  // a gap: a new CRO is needed
+            backOut(c, tracker);
+            return false;
+        }
+    }
+    for (CacheRangeObject* cro : c->mCROs)
+        if (cro->mLRUNode.active) mMemoryPool->lru().MarkMostRecentlyUsed(cro->mLRUNode);
+    cto = c;
+    return true;
+}
+
+void CacheRangeTracker::backOut(CacheTrackerObject* c, IOTracker& tracker) {
+    c->mWindow.clear();
+    for (CacheRangeObject* held : c->mCROs) {
+        giveBackExtension(held, tracker);
+        held->mLock.LockReleaseExtending();
+    }
+    c->mCROs.clear();
+    delete c;
+}
+
 StatusCode CacheRangeTracker::LockRange(uint32_t set, uint64_t start, uint32_t length, CacheTrackerObject*& cto,
                                         IOTracker& tracker, uint32_t roundTo) {
     CRTRangeContext ctx("LockRange", *this, set, start, length);
@@ -307,6 +364,15 @@ StatusCode CacheRangeTracker::lockRangeInternal(uint32_t set, uint64_t start, ui
     ScopeTimer timer(mLockPerf);
     ++mStats.locks;
     cto = nullptr;
+    // A hit changes nothing the tracker lock guards: it is looked up with the
+    // lock shared, so hits of different ranges go on side by side and never
+    // queue behind one another. Anything else takes the lock exclusively.
+    if (length != 0 && IsSetAndRangeValid(set, start, length) == StatusCode::Success) {
+        mLock.LockShared();
+        bool hit = lockCachedRange(set, start, length, cto, tracker);
+        mLock.LockRelease();
+        if (hit) return StatusCode::Success;
+    }
     mLock.LockExclusive();
     for (;;) {
         CacheRangeObject* busy = nullptr;

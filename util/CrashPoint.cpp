@@ -43,7 +43,10 @@ void armCrashPoint(const std::string& name, unsigned pass) {
 void disarmCrashPoint() { gArmed = false; }
 
 void CrashPoint(const char* name) {
-    std::call_once(gEnvOnce, readEnvironment);
+    // Read once; a function-local static costs one load on every later pass,
+    // where call_once would cost a call on every ordered journal store.
+    static const bool environmentRead = (std::call_once(gEnvOnce, readEnvironment), true);
+    (void)environmentRead;
     if (!gArmed.load(std::memory_order_relaxed)) return;
     std::lock_guard<std::mutex> g(gLock);
     if (gName != name || ++gSeen < gPass) return;

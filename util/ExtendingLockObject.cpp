@@ -174,6 +174,28 @@ StatusCode ExtendingLockObject::LockExclusiveExtending(IOTracker& iot) {
     return StatusCode::Success;
 }
 
+bool ExtendingLockObject::TryLockExclusiveExtending(IOTracker& iot) {
+    if (bypass) return true;
+    uint64_t id = iot.getID();
+    {
+        Guard g(*mProtection);
+        if (mTransID == id) {
+            ++mExtendCount;
+        } else {
+            if (mLocked || !mPending.empty()) return false;
+            acquireExclusiveLocked(g, id);  // free and no one queued: no wait
+            ++mExtendCount;
+            mTransID = id;
+            mExtended = true;
+            g.unlock();
+            iot.addExtendedLock(this);
+        }
+    }
+    // A try never waits, so it cannot close a cycle: only the hold is noted.
+    LockOrderChecker::noteAcquired(this, id);
+    return true;
+}
+
 StatusCode ExtendingLockObject::LockReleaseExtending() {
     if (bypass) return StatusCode::Success;
     {

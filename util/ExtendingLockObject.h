@@ -34,6 +34,10 @@ public:
     bool OwnsLock(IOTracker& iot);
 
     StatusCode LockExclusiveExtending(IOTracker& iot);
+    // LockExclusiveExtending when it needs no wait: the lock is free with no
+    // one queued, or this transaction holds it already. False, with nothing
+    // taken, otherwise; so it never waits and never overtakes a waiter.
+    bool TryLockExclusiveExtending(IOTracker& iot);
     StatusCode LockReleaseExtending();
     void CommitExtendedLock(IOTracker& iot);
     void UnextendLock(IOTracker& iot);

@@ -14,12 +14,41 @@ uint64_t IOTracker::nextId() {
     return id;
 }
 
+// Each thread keeps the shared record of its last ended transaction for its
+// next one: a thread that runs transaction after transaction takes no pool
+// lock for them.
+struct IOTracker::SpareState {
+    SharedState* state = nullptr;
+    ~SpareState() { delete state; }
+};
+
+IOTracker::SpareState& IOTracker::spare() {
+    thread_local SpareState s;
+    return s;
+}
+
 IOTracker::SharedState* IOTracker::newSharedState() {
+    if (SharedState* s = spare().state) {
+        spare().state = nullptr;
+        return s;
+    }
     // Transactions are begun on every I/O path: their shared records come from
     // a pool, sized here until the system sizes it for its steady state.
     static bool sized = (ObjectPool<SharedState>::Initialize(kDefaultSharedStates), true);
     (void)sized;
     return new SharedState;
+}
+
+void IOTracker::endSharedState(SharedState* s) {
+    SpareState& sp = spare();
+    if (sp.state) {
+        delete s;
+        return;
+    }
+    s->refs.store(1, std::memory_order_relaxed);
+    s->dirty.store(0, std::memory_order_relaxed);
+    s->commits.store(0, std::memory_order_relaxed);
+    sp.state = s;
 }
 
 IOTracker::IOTracker(iotType type)
@@ -36,10 +65,13 @@ IOTracker::IOTracker(IOTracker& other)
 }
 
 IOTracker::~IOTracker() {
-    if (mShared->refs.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+    // A sole copy needs no atomic step: no other copy exists to fork from it.
+    if (mShared->refs.load(std::memory_order_acquire) != 1 &&
+        mShared->refs.fetch_sub(1, std::memory_order_acq_rel) != 1)
+        return;
     if (!isReadWrite()) lockRelease();
     ESA_ASSERT(mLockObjectList->empty());
-    delete mShared;
+    endSharedState(mShared);
 }
 
 void IOTracker::lockRelease() {

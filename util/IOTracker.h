@@ -101,7 +101,11 @@ private:
         std::atomic<uint32_t> lockCount{0};  // locks.size(), readable without listLock
     };
     static uint64_t nextId();
+    struct SpareState;
+    static SpareState& spare();
     static SharedState* newSharedState();
+    // The last copy is done with it: kept as this thread's spare, or freed.
+    static void endSharedState(SharedState* s);
     static constexpr size_t kDefaultSharedStates = 1024;
 
     SharedState* mShared;

@@ -144,6 +144,10 @@ private:
                         unsigned long long lba, IOTracker& tracker);
     StatusCode commit(J2set* set, J2set* prev);
     J2set* findSet(uint64_t id, J2set** prev) const;
+    // A set for a new transaction: the one the last commit finished with, or a new one.
+    J2set* newSet();
+    // A committed set becomes this thread's spare (one deep; an older spare is freed).
+    void retireSet(J2set* set);
     bool spaceCheck(J2set* set);
     Committed walkCommitted(unsigned slot) const;
     unsigned repairTornMarks();
