@@ -1,5 +1,7 @@
 #include "cache/CacheDiagnostics.h"
 
+#include <sstream>
+
 #include "cache/CacheRangeTracker.h"
 #include "cache/CacheTrackerObject.h"
 
@@ -12,9 +14,60 @@ namespace {
 // Registered at start-up so that a dump lists the handler before any cache use.
 [[maybe_unused]] DiagnosticHandler& gRegistered = CacheManagerDiagnosticsHandler();
 
-void range(std::ostream& out, const char* op, CacheRangeTracker& t, uint32_t set, uint64_t start, uint32_t length) {
-    out << t.CacheName() << " " << op << " set " << set << " start 0x" << std::hex << start << std::dec << " length "
-        << length;
+CacheOpRecord rangeRecord(CacheOpRecord::Kind kind, const char* op, CacheRangeTracker& t, uint32_t set,
+                          uint64_t start, uint32_t length) {
+    CacheOpRecord r;
+    r.kind = kind;
+    r.op = op;
+    r.cache = t.CacheName();
+    r.set = set;
+    r.start = start;
+    r.length = length;
+    return r;
+}
+
+CacheOpRecord ctoRecord(const char* op, const char* cache, CacheTrackerObject* cto) {
+    CacheOpRecord r;
+    r.kind = CacheOpRecord::Cto;
+    r.op = op;
+    r.cache = cache;
+    r.a = cto;
+    if (cto) {
+        r.set = cto->mSet;
+        r.start = cto->mStart;
+        r.length = cto->mLen;
+    }
+    return r;
+}
+
+void show(std::ostream& out, const CacheOpRecord& r, bool halted) {
+    auto range = [&] {
+        out << r.cache << " " << r.op << " set " << r.set << " start 0x" << std::hex << r.start << std::dec
+            << " length " << r.length;
+    };
+    auto cto = [&](const CacheTrackerObject* c) {
+        // A running thread's CTO may be gone by now: only a halted one is read.
+        if (halted && c) const_cast<CacheTrackerObject*>(c)->Dump(out);
+        else out << "CTO 0x" << std::hex << uintptr_t(c) << std::dec;
+    };
+    switch (r.kind) {
+        case CacheOpRecord::Range: range(); break;
+        case CacheOpRecord::Cro:
+            out << "CRO ";
+            range();
+            break;
+        case CacheOpRecord::Cto:
+            range();
+            out << " ";
+            cto(r.a);
+            break;
+        case CacheOpRecord::Copy:
+            out << r.op << " from ";
+            cto(r.a);
+            out << " to ";
+            cto(r.b);
+            break;
+    }
 }
 }  // namespace
 
@@ -24,50 +77,56 @@ CacheThreadContext& CacheThreadContext::forThisThread() {
     return context;
 }
 
-void CacheThreadContext::push(CacheOpContext* op) {
-    std::lock_guard<std::mutex> g(mLock);
-    op->mOuter = mTop;
-    mTop = op;
+void CacheThreadContext::push(const CacheOpRecord& r) {
+    bump();
+    uint32_t d = mDepth.load(std::memory_order_relaxed);
+    if (d < kDepth) mOps[d] = r;
+    mDepth.store(d + 1, std::memory_order_relaxed);
+    bump();
 }
 
-void CacheThreadContext::pop(CacheOpContext* op) {
-    std::lock_guard<std::mutex> g(mLock);
-    if (mTop == op) mTop = op->mOuter;
+void CacheThreadContext::pop() {
+    bump();
+    mDepth.store(mDepth.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
+    bump();
 }
 
 void CacheThreadContext::DisplayContext(std::ostream& out) {
-    std::unique_lock<std::mutex> g(mLock, std::defer_lock);
-    // A halted thread may hold its record's lock: the dump reads it as it is.
-    if (!g.try_lock() && !DiagnosticsManager::inDiagnostics()) g.lock();
-    if (!mTop) {
-        out << "no cache operation";
+    const bool halted = DiagnosticsManager::inDiagnostics();
+    for (int attempt = 0; attempt < 1000; ++attempt) {
+        uint32_t before = mChanges.load(std::memory_order_acquire);
+        if ((before & 1) && !halted) continue;
+        uint32_t depth = mDepth.load(std::memory_order_relaxed);
+        CacheOpRecord ops[kDepth];
+        for (uint32_t i = 0; i < depth && i < kDepth; ++i) ops[i] = mOps[i];
+        std::atomic_thread_fence(std::memory_order_acquire);
+        if (!halted && mChanges.load(std::memory_order_relaxed) != before) continue;
+        if (depth == 0) out << "no cache operation";
+        for (uint32_t i = 0; i < depth && i < kDepth; ++i) {
+            if (i) out << " -> ";
+            show(out, ops[i], halted);
+        }
+        if (depth > kDepth) out << " -> (" << depth - kDepth << " more)";
         return;
     }
-    for (CacheOpContext* op = mTop; op; op = op->mOuter) {
-        op->DisplayContext(out);
-        if (op->mOuter) out << " <- ";
-    }
+    out << "(cache operations changing too fast to show)";
 }
 
-CacheOpContext::CacheOpContext() { CacheThreadContext::forThisThread().push(this); }
+CRTRangeContext::CRTRangeContext(const char* op, CacheRangeTracker& t, uint32_t set, uint64_t start, uint32_t length)
+    : CacheOpContext(rangeRecord(CacheOpRecord::Range, op, t, set, start, length)) {}
 
-CacheOpContext::~CacheOpContext() { CacheThreadContext::forThisThread().pop(this); }
+CROContext::CROContext(const char* op, CacheRangeTracker& t, uint32_t set, uint64_t start, uint32_t length)
+    : CacheOpContext(rangeRecord(CacheOpRecord::Cro, op, t, set, start, length)) {}
 
-void CRTRangeContext::DisplayContext(std::ostream& out) { range(out, mOp, mTracker, mSet, mStart, mLength); }
+CTOContext::CTOContext(const char* op, CacheRangeTracker& t, CacheTrackerObject* cto)
+    : CacheOpContext(ctoRecord(op, t.CacheName(), cto)) {}
 
-void CROContext::DisplayContext(std::ostream& out) {
-    out << "CRO ";
-    CRTRangeContext::DisplayContext(out);
-}
-
-void CTOContext::DisplayContext(std::ostream& out) {
-    out << mTracker.CacheName() << " " << mOp << " ";
-    if (mCto) mCto->Dump(out);
-}
-
-void CTO2Context::DisplayContext(std::ostream& out) {
-    out << mOp << " from ";
-    if (mA) mA->Dump(out);
-    out << " to ";
-    if (mB) mB->Dump(out);
-}
+CTO2Context::CTO2Context(const char* op, CacheTrackerObject* a, CacheTrackerObject* b)
+    : CacheOpContext([&] {
+          CacheOpRecord r;
+          r.kind = CacheOpRecord::Copy;
+          r.op = op;
+          r.a = a;
+          r.b = b;
+          return r;
+      }()) {}

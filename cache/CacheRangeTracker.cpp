@@ -215,13 +215,12 @@ uint64_t CacheRangeTracker::roundedLimit(uint64_t start, uint64_t end, uint32_t 
     return std::max(limit, end);
 }
 
-void CacheRangeTracker::giveBackExtension(CacheRangeObject* cro, IOTracker& tracker) {
+void CacheRangeTracker::releaseHold(CacheRangeObject* cro, IOTracker& tracker) {
     // Only this call chain's extension is given back: one the transaction
-    // holds for a range it dirtied (through another CTO) lasts until commit.
-    // A transaction that committed before it unlocked holds the lock no
-    // longer extended: only the plain release is left.
-    if (cro->mLock.extendCount() == 1 && cro->mDirtyCount == 0 && cro->mLock.transID() == tracker.getID())
-        cro->mLock.UnextendLock(tracker);
+    // holds for a range it dirtied (through another CTO) lasts until commit,
+    // and a transaction that committed before it unlocked holds the lock no
+    // longer extended, so only the plain release is left.
+    cro->mLock.ReleaseHold(tracker, cro->mDirtyCount == 0);
 }
 
 StatusCode CacheRangeTracker::LockRangeHelper(uint32_t set, uint64_t start, uint32_t length,
@@ -259,8 +258,7 @@ StatusCode CacheRangeTracker::LockRangeHelper(uint32_t set, uint64_t start, uint
                     held->mLock.UnextendLock(tracker);
                     destroyCro(held, true);
                 } else {
-                    giveBackExtension(held, tracker);
-                    held->mLock.LockReleaseExtending();
+                    releaseHold(held, tracker);
                 }
             }
             // Storeless CROs made for this request and never locked.
@@ -346,8 +344,7 @@ bool CacheRangeTracker::lockCachedRange(uint32_t set, uint64_t start, uint32_t l
 void CacheRangeTracker::backOut(CacheTrackerObject* c, IOTracker& tracker) {
     c->mWindow.clear();
     for (CacheRangeObject* held : c->mCROs) {
-        giveBackExtension(held, tracker);
-        held->mLock.LockReleaseExtending();
+        releaseHold(held, tracker);
     }
     c->mCROs.clear();
     delete c;
@@ -510,8 +507,7 @@ void CacheRangeTracker::UnlockRange(CacheTrackerObject* cto) {
             if (!held) mLock.LockRelease();
             continue;
         }
-        giveBackExtension(cro, cto->mTracker);
-        cro->mLock.LockReleaseExtending();
+        releaseHold(cro, cto->mTracker);
     }
     cto->mCROs.swap(keep);
     if (cto->ReleaseByCaller()) delete cto;

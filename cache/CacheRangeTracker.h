@@ -208,8 +208,9 @@ protected:
     // True when a range lock is held by any transaction other than `transId`
     // or without one: the locker must back off.
     static bool busyFor(CacheRangeObject* cro, uint64_t transId);
-    // Ends this caller's extension of a range lock it is about to release.
-    static void giveBackExtension(CacheRangeObject* cro, IOTracker& tracker);
+    // Ends this call chain's hold of a range lock, with its extension unless
+    // the transaction keeps the range for its commit.
+    static void releaseHold(CacheRangeObject* cro, IOTracker& tracker);
     // LockRange without its diagnostic context (the public callers have one).
     StatusCode lockRangeInternal(uint32_t set, uint64_t start, uint32_t length, CacheTrackerObject*& cto,
                                  IOTracker& tracker, uint32_t roundTo);

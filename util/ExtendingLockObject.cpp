@@ -210,6 +210,25 @@ StatusCode ExtendingLockObject::LockReleaseExtending() {
     return StatusCode::Success;
 }
 
+StatusCode ExtendingLockObject::ReleaseHold(IOTracker& iot, bool giveBack) {
+    if (bypass) return StatusCode::Success;
+    {
+        Guard g(*mProtection);
+        ESA_ASSERT(this->isExclusive());
+        ESA_ASSERT_OP(mExtendCount, >, 0);
+        if (giveBack && mExtendCount == 1 && mExtended && mTransID == iot.getID()) {
+            // Off the transaction's list before the lock can pass to another.
+            iot.removeExtendedLock(this);
+            mTransID = 0;
+            mExtended = false;
+        }
+        --mExtendCount;
+        if (!mExtended && mExtendCount == 0) releaseExclusiveLocked();
+    }
+    LockOrderChecker::noteReleased(this);
+    return StatusCode::Success;
+}
+
 void ExtendingLockObject::CommitExtendedLock(IOTracker& iot) {
     if (bypass) return;
     ESA_ASSERT(iot.frontExtendedLock() == this);
