@@ -109,25 +109,38 @@ void IOTracker::addClid() {
     if (journal.addClid) journal.addClid(*this, mCacheTracker);
 }
 
+// The lock list is shared by all copies of a transaction. While this is the
+// only copy, no other thread can reach the list (a copy is made from this
+// object, by its user), so the list lock is skipped.
+class IOTracker::ListGuard {
+public:
+    explicit ListGuard(SharedState& s) : mLock(s.listLock, std::defer_lock) {
+        if (s.refs.load(std::memory_order_acquire) != 1) mLock.lock();
+    }
+
+private:
+    std::unique_lock<std::mutex> mLock;
+};
+
 void IOTracker::addExtendedLock(ExtendingLockObject* lock) {
-    std::lock_guard<std::mutex> g(mShared->listLock);
+    ListGuard g(*mShared);
     mLockObjectList->push_back(lock);
     mShared->lockCount.store(uint32_t(mLockObjectList->size()));
 }
 
 void IOTracker::removeExtendedLock(ExtendingLockObject* lock) {
-    std::lock_guard<std::mutex> g(mShared->listLock);
+    ListGuard g(*mShared);
     mLockObjectList->remove(lock);
     mShared->lockCount.store(uint32_t(mLockObjectList->size()));
 }
 
 ExtendingLockObject* IOTracker::frontExtendedLock() {
-    std::lock_guard<std::mutex> g(mShared->listLock);
+    ListGuard g(*mShared);
     return mLockObjectList->empty() ? nullptr : mLockObjectList->front();
 }
 
 bool IOTracker::hasExtendedLocks() {
-    std::lock_guard<std::mutex> g(mShared->listLock);
+    ListGuard g(*mShared);
     return !mLockObjectList->empty();
 }
 

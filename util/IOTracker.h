@@ -102,6 +102,7 @@ private:
     };
     static uint64_t nextId();
     struct SpareState;
+    class ListGuard;
     static SpareState& spare();
     static SharedState* newSharedState();
     // The last copy is done with it: kept as this thread's spare, or freed.
