@@ -14,13 +14,13 @@ namespace {
 Trace tCache("Cache", "RangeTracker", "Info", false);
 
 // Adds the elapsed board time of its scope to an accumulator, for one
-// operation in 16 per thread: the timings are a distribution, and reading the
+// operation in 64 per thread: the timings are a distribution, and reading the
 // clock twice on every cache hit would cost a visible share of the hit.
 class ScopeTimer {
 public:
     explicit ScopeTimer(PerfAccumulator& acc) : mAcc(acc) {
         thread_local uint32_t tick = 0;
-        mSampled = (tick++ & 15) == 0;
+        mSampled = (tick++ & 63) == 0;
         if (mSampled) mStart = getTimebase();
     }
     ~ScopeTimer() {

@@ -65,7 +65,13 @@ public:
     LockTask ownerTask() const { return mOwnerTask; }
 
     // Journal bookkeeping: metadata changed in this transaction / commits made.
-    void markDirty() { mShared->dirty.fetch_add(1, std::memory_order_relaxed); }
+    void markDirty() {
+        // A sole copy has no other writer (see ListGuard): no atomic step.
+        if (mShared->refs.load(std::memory_order_acquire) == 1)
+            mShared->dirty.store(mShared->dirty.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        else
+            mShared->dirty.fetch_add(1, std::memory_order_relaxed);
+    }
     uint32_t dirtyCount() const { return mShared->dirty.load(std::memory_order_relaxed); }
     uint32_t commitCount() const { return mShared->commits.load(std::memory_order_relaxed); }
     uint32_t copies() const { return mShared->refs.load(std::memory_order_relaxed); }
