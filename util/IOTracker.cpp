@@ -16,10 +16,19 @@ uint64_t IOTracker::nextId() {
 
 // Each thread keeps the shared record of its last ended transaction for its
 // next one: a thread that runs transaction after transaction takes no pool
-// lock for them.
+// lock for them. The slot is a plain thread-local pointer (no per-access
+// initialisation check); SpareState frees what it holds when the thread ends.
+namespace {
+thread_local void* tSpare = nullptr;
+thread_local bool tSpareFreedAtExit = false;
+}  // namespace
+
 struct IOTracker::SpareState {
-    SharedState* state = nullptr;
-    ~SpareState() { delete state; }
+    SharedState* state = nullptr;  // unused: the slot is tSpare
+    ~SpareState() {
+        delete static_cast<SharedState*>(tSpare);
+        tSpare = nullptr;
+    }
 };
 
 IOTracker::SpareState& IOTracker::spare() {
@@ -28,9 +37,9 @@ IOTracker::SpareState& IOTracker::spare() {
 }
 
 IOTracker::SharedState* IOTracker::newSharedState() {
-    if (SharedState* s = spare().state) {
-        spare().state = nullptr;
-        return s;
+    if (void* s = tSpare) {
+        tSpare = nullptr;
+        return static_cast<SharedState*>(s);
     }
     // Transactions are begun on every I/O path: their shared records come from
     // a pool, sized here until the system sizes it for its steady state.
@@ -40,15 +49,18 @@ IOTracker::SharedState* IOTracker::newSharedState() {
 }
 
 void IOTracker::endSharedState(SharedState* s) {
-    SpareState& sp = spare();
-    if (sp.state) {
+    if (tSpare) {
         delete s;
         return;
+    }
+    if (!tSpareFreedAtExit) {
+        spare();  // made once per thread, so that the slot is emptied at its end
+        tSpareFreedAtExit = true;
     }
     s->refs.store(1, std::memory_order_relaxed);
     s->dirty.store(0, std::memory_order_relaxed);
     s->commits.store(0, std::memory_order_relaxed);
-    sp.state = s;
+    tSpare = s;
 }
 
 IOTracker::IOTracker(iotType type)

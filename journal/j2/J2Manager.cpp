@@ -88,20 +88,21 @@ void J2Manager::removeTrackerHooks() {
 namespace {
 // The set a thread's last commit finished with, kept for its next set: sets
 // are built and committed by the same thread as a rule, so a steady stream of
-// commits neither allocates nor touches a shared word.
-struct SpareSet {
-    J2set* set = nullptr;
-    ~SpareSet() { delete set; }
+// commits neither allocates nor touches a shared word. A plain thread-local
+// pointer; SpareSetOwner frees what it holds when the thread ends.
+thread_local J2set* tSpareSet = nullptr;
+thread_local bool tSpareSetFreedAtExit = false;
+struct SpareSetOwner {
+    ~SpareSetOwner() {
+        delete tSpareSet;
+        tSpareSet = nullptr;
+    }
 };
-SpareSet& spareSet() {
-    thread_local SpareSet s;
-    return s;
-}
 }  // namespace
 
 J2set* J2Manager::newSet() {
-    if (J2set* s = spareSet().set) {
-        spareSet().set = nullptr;
+    if (J2set* s = tSpareSet) {
+        tSpareSet = nullptr;
         s->reset();
         return s;
     }
@@ -109,8 +110,13 @@ J2set* J2Manager::newSet() {
 }
 
 void J2Manager::retireSet(J2set* set) {
-    delete spareSet().set;
-    spareSet().set = set;
+    if (!tSpareSetFreedAtExit) {
+        thread_local SpareSetOwner owner;
+        (void)owner;
+        tSpareSetFreedAtExit = true;
+    }
+    delete tSpareSet;
+    tSpareSet = set;
 }
 
 J2set* J2Manager::findSet(uint64_t id, J2set** prev) const {
