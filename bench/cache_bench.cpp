@@ -75,6 +75,11 @@ void figure(const char* name, double value, const char* unit, const char* ref, d
 int main(int argc, char** argv) {
     // `bench_cache profile` runs only the one-thread hit path, for a profiler.
     const bool profileOnly = argc > 1 && std::strcmp(argv[1], "profile") == 0;
+    // The object pools as the system sizes them at start-up.
+    ObjectPool<CacheRangeTracker::CacheRangeObject>::Initialize(8000);
+    ObjectPool<CacheTrackerObject>::Initialize(4000);
+    ObjectPool<DataStore>::Initialize(10000);
+    ObjectPool<DataWindow::DataPane>::Initialize(10000);
     BenchTracker tracker;
     // Warm: every thread's range cached.
     for (uint32_t t = 0; t < 8; ++t) {

@@ -5,8 +5,10 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <sstream>
 #include <thread>
 
+#include "cache/CacheDiagnostics.h"
 #include "cache/CacheTestSupport.h"
 #include "util/Eventually.h"
 
@@ -108,6 +110,10 @@ TEST(CacheConcurrency, OverlappingRangesWaitDisjointOnesProceedAndTheWaiterRetri
         overlapDone = true;
     });
     ASSERT_TRUE(eventually([&] { return tracker.stats().backoffs > backoffs; }));
+    // A dump shows what the waiting thread is doing in the cache.
+    std::ostringstream diags;
+    CacheManagerDiagnosticsHandler().run(diags);
+    EXPECT_NE(diags.str().find("Base LockAndLookupRange set 0 start 0x4 length 8"), std::string::npos) << diags.str();
     // The waiter sleeps on the range lock, not on the tracker's lock: a
     // disjoint range goes through meanwhile.
     std::atomic<bool> disjointDone{false};

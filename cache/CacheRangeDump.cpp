@@ -132,6 +132,9 @@ bool CacheRangeTracker::internalConsistencyCheck(std::ostream& out) {
                               (unsigned long long)it->mStart, it->mLength);
                 if (it->mDirtyCount) out << where << " is dirty\n";
                 else if (it->mLock.isLocked()) out << where << " is LOCKED... skipping\n";
+                // Committed, not yet spilled: newer than the disk by design.
+                else if (it->pStore && it->pStore->refCount() != it->pStore->lruCount())
+                    out << where << " is pinned by the journal... skipping\n";
                 else if (it->pStore) candidates.push_back({s, it->mStart, it->mLength});
             }
     }

@@ -14,13 +14,13 @@ namespace {
 Trace tCache("Cache", "RangeTracker", "Info", false);
 
 // Adds the elapsed board time of its scope to an accumulator, for one
-// operation in 16 per thread: the timings are a distribution, and reading the
+// operation in 64 per thread: the timings are a distribution, and reading the
 // clock twice on every cache hit would cost a visible share of the hit.
 class ScopeTimer {
 public:
     explicit ScopeTimer(PerfAccumulator& acc) : mAcc(acc) {
         thread_local uint32_t tick = 0;
-        mSampled = (tick++ & 15) == 0;
+        mSampled = (tick++ & 63) == 0;
         if (mSampled) mStart = getTimebase();
     }
     ~ScopeTimer() {
@@ -215,10 +215,12 @@ uint64_t CacheRangeTracker::roundedLimit(uint64_t start, uint64_t end, uint32_t 
     return std::max(limit, end);
 }
 
-void CacheRangeTracker::giveBackExtension(CacheRangeObject* cro, IOTracker& tracker) {
+void CacheRangeTracker::releaseHold(CacheRangeObject* cro, IOTracker& tracker) {
     // Only this call chain's extension is given back: one the transaction
-    // holds for a range it dirtied (through another CTO) lasts until commit.
-    if (cro->mLock.extendCount() == 1 && cro->mDirtyCount == 0) cro->mLock.UnextendLock(tracker);
+    // holds for a range it dirtied (through another CTO) lasts until commit,
+    // and a transaction that committed before it unlocked holds the lock no
+    // longer extended, so only the plain release is left.
+    cro->mLock.ReleaseHold(tracker, cro->mDirtyCount == 0);
 }
 
 StatusCode CacheRangeTracker::LockRangeHelper(uint32_t set, uint64_t start, uint32_t length,
@@ -256,8 +258,7 @@ StatusCode CacheRangeTracker::LockRangeHelper(uint32_t set, uint64_t start, uint
                     held->mLock.UnextendLock(tracker);
                     destroyCro(held, true);
                 } else {
-                    giveBackExtension(held, tracker);
-                    held->mLock.LockReleaseExtending();
+                    releaseHold(held, tracker);
                 }
             }
             // Storeless CROs made for this request and never locked.
@@ -293,6 +294,62 @@ StatusCode CacheRangeTracker::LockRangeHelper(uint32_t set, uint64_t start, uint
     return StatusCode::Success;
 }
 
+bool CacheRangeTracker::lockCachedRange(uint32_t set, uint64_t start, uint32_t length, CacheTrackerObject*& cto,
+                                        IOTracker& tracker) {
+    if (set >= mSets.size()) return false;
+    // A plain descent, no splay: readers share the tree and must not reshape it.
+    CacheRangeObject* cur = nullptr;
+    for (SplayNode* n = mRoots[set]; n;) {
+        CacheRangeObject* c = asCro(n);
+        if (start < c->mStart) n = n->left;
+        else if (start >= c->end()) n = n->right;
+        else {
+            cur = c;
+            break;
+        }
+    }
+    if (!cur) return false;
+    const uint64_t end = start + length;
+    const uint32_t es = GetElementSize();
+    CacheTrackerObject* c = new CacheTrackerObject(*this, set, start, length, tracker);
+    uint64_t pos = start;
+    for (;;) {
+        // Only a lock that is free (or already this transaction's) is taken:
+        // waiting is for the exclusive path, outside the tracker lock.
+        if (!cur->mLock.TryLockExclusiveExtending(tracker)) {
+            backOut(c, tracker);
+            return false;
+        }
+        c->mCROs.push_back(cur);
+        if (!cur->pStore) {
+            backOut(c, tracker);
+            return false;
+        }
+        uint64_t ovEnd = std::min(end, cur->end());
+        c->mWindow.add(*cur->pStore, uint32_t((pos - cur->mStoredStart) * es), uint32_t((ovEnd - pos) * es));
+        pos = ovEnd;
+        if (pos >= end) break;
+        cur = nextCro(cur);
+        if (!cur || cur->mStart != pos) {  // a gap: a new CRO is needed
+            backOut(c, tracker);
+            return false;
+        }
+    }
+    for (CacheRangeObject* cro : c->mCROs)
+        if (cro->mLRUNode.active) mMemoryPool->lru().MarkMostRecentlyUsed(cro->mLRUNode);
+    cto = c;
+    return true;
+}
+
+void CacheRangeTracker::backOut(CacheTrackerObject* c, IOTracker& tracker) {
+    c->mWindow.clear();
+    for (CacheRangeObject* held : c->mCROs) {
+        releaseHold(held, tracker);
+    }
+    c->mCROs.clear();
+    delete c;
+}
+
 StatusCode CacheRangeTracker::LockRange(uint32_t set, uint64_t start, uint32_t length, CacheTrackerObject*& cto,
                                         IOTracker& tracker, uint32_t roundTo) {
     CRTRangeContext ctx("LockRange", *this, set, start, length);
@@ -304,6 +361,15 @@ StatusCode CacheRangeTracker::lockRangeInternal(uint32_t set, uint64_t start, ui
     ScopeTimer timer(mLockPerf);
     ++mStats.locks;
     cto = nullptr;
+    // A hit changes nothing the tracker lock guards: it is looked up with the
+    // lock shared, so hits of different ranges go on side by side and never
+    // queue behind one another. Anything else takes the lock exclusively.
+    if (length != 0 && IsSetAndRangeValid(set, start, length) == StatusCode::Success) {
+        mLock.LockShared();
+        bool hit = lockCachedRange(set, start, length, cto, tracker);
+        mLock.LockRelease();
+        if (hit) return StatusCode::Success;
+    }
     mLock.LockExclusive();
     for (;;) {
         CacheRangeObject* busy = nullptr;
@@ -433,7 +499,7 @@ void CacheRangeTracker::UnlockRange(CacheTrackerObject* cto) {
             bool held = mLock.OwnsLock();
             if (!held) mLock.LockExclusive();
             if (cro->mLock.extendCount() == 1) {
-                cro->mLock.UnextendLock(cto->mTracker);
+                if (cro->mLock.transID() == cto->mTracker.getID()) cro->mLock.UnextendLock(cto->mTracker);
                 destroyCro(cro, true);
             } else {
                 cro->mLock.LockReleaseExtending();
@@ -441,11 +507,10 @@ void CacheRangeTracker::UnlockRange(CacheTrackerObject* cto) {
             if (!held) mLock.LockRelease();
             continue;
         }
-        giveBackExtension(cro, cto->mTracker);
-        cro->mLock.LockReleaseExtending();
+        releaseHold(cro, cto->mTracker);
     }
     cto->mCROs.swap(keep);
-    if (!cto->mDirty) delete cto;
+    if (cto->ReleaseByCaller()) delete cto;
 }
 
 StatusCode CacheRangeTracker::WriteRange(CacheTrackerObject* cto, IOTracker& tracker) {

@@ -24,6 +24,7 @@
 #include <ostream>
 #include <string>
 
+#include "cache/CacheCounter.h"
 #include "include/ObjectPool.h"
 #include "util/DataStore.h"
 #include "util/DataWindow.h"
@@ -168,8 +169,8 @@ public:
     static void setSectorsPerChunk(uint32_t sectors) { sSectorsPerChunk = sectors; }
 
     struct Stats {
-        std::atomic<uint64_t> locks{0}, lookups{0}, hits{0}, misses{0}, reads{0}, readFailures{0}, writes{0},
-            writeFailures{0}, adds{0}, invalidates{0}, backoffs{0}, evictions{0};
+        CacheCounter locks, lookups, hits, misses, reads, readFailures, writes, writeFailures, adds, invalidates,
+            backoffs, evictions;
     };
     Stats& stats() { return mStats; }
 
@@ -207,11 +208,20 @@ protected:
     // True when a range lock is held by any transaction other than `transId`
     // or without one: the locker must back off.
     static bool busyFor(CacheRangeObject* cro, uint64_t transId);
-    // Ends this caller's extension of a range lock it is about to release.
-    static void giveBackExtension(CacheRangeObject* cro, IOTracker& tracker);
+    // Ends this call chain's hold of a range lock, with its extension unless
+    // the transaction keeps the range for its commit.
+    static void releaseHold(CacheRangeObject* cro, IOTracker& tracker);
     // LockRange without its diagnostic context (the public callers have one).
     StatusCode lockRangeInternal(uint32_t set, uint64_t start, uint32_t length, CacheTrackerObject*& cto,
                                  IOTracker& tracker, uint32_t roundTo);
+    // The hit path, under mLock shared: when every element of the range is
+    // cached in CROs whose range locks can be taken at once, takes them and
+    // builds the CTO without changing the sets. False (nothing held) when
+    // the exclusive path must do it: a gap, a missing store, a busy lock.
+    bool lockCachedRange(uint32_t set, uint64_t start, uint32_t length, CacheTrackerObject*& cto,
+                         IOTracker& tracker);
+    // Gives back the range locks a CTO took and frees it (a backed-out lock).
+    void backOut(CacheTrackerObject* cto, IOTracker& tracker);
     StatusCode LockRangeHelper(uint32_t set, uint64_t start, uint32_t length, CacheTrackerObject*& cto,
                                IOTracker& tracker, CacheRangeObject*& busy, uint32_t roundTo);
     // Called with mLock held; returns with it held again, having waited for

@@ -15,11 +15,14 @@ CacheTrackerObject::~CacheTrackerObject() {
 }
 
 void CacheTrackerObject::MarkRangeDirty() {
+    std::lock_guard<std::mutex> g(mStateLock);
     for (CRO* cro : mCROs) ++cro->mDirtyCount;
     mDirty = true;
+    mJournalled = true;
 }
 
 void CacheTrackerObject::MarkRangeClean() {
+    std::lock_guard<std::mutex> g(mStateLock);
     for (CRO* cro : mCROs) {
         ESA_ASSERT_OP(cro->mDirtyCount, >, 0u);
         --cro->mDirtyCount;
@@ -28,6 +31,7 @@ void CacheTrackerObject::MarkRangeClean() {
 }
 
 void CacheTrackerObject::PreventEviction() {
+    std::lock_guard<std::mutex> g(mStateLock);
     if (mEvictionLocks == 0) {
         mPinnedStores.clear();
         for (CRO* cro : mCROs)
@@ -38,12 +42,29 @@ void CacheTrackerObject::PreventEviction() {
 }
 
 void CacheTrackerObject::AllowEviction() {
-    ESA_ASSERT_OP(mEvictionLocks, >, 0u);
-    for (DataStore* s : mPinnedStores) s->DecRef();
-    if (--mEvictionLocks != 0) return;
-    mPinnedStores.clear();
-    mCROs.clear();
+    {
+        std::lock_guard<std::mutex> g(mStateLock);
+        ESA_ASSERT_OP(mEvictionLocks, >, 0u);
+        for (DataStore* s : mPinnedStores) s->DecRef();
+        if (--mEvictionLocks != 0) return;
+        mPinnedStores.clear();
+        // The CROs may be gone (evicted, invalidated) since the caller let
+        // them go: this CTO no longer speaks for them.
+        if (mUnlocked) mCROs.clear();
+        if (!mUnlocked || mDirty) return;
+    }
     delete this;
+}
+
+bool CacheTrackerObject::ReleaseByCaller() {
+    // A CTO the journal never saw is its caller's alone: no lock needed.
+    if (!mJournalled) return !mDirty;
+    std::lock_guard<std::mutex> g(mStateLock);
+    mUnlocked = true;
+    if (mEvictionLocks == 0 && !mDirty) return true;
+    // Committed and still pinned: the journal's last AllowEviction frees it.
+    if (!mDirty) mCROs.clear();
+    return false;
 }
 
 bool CacheTrackerObject::AllEvictable() {

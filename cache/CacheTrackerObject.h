@@ -5,8 +5,12 @@
 //
 // A CTO that marked its CROs dirty outlives UnlockRange: the journal holds it
 // in its transaction, pins the data at commit (PreventEviction) and lets it go
-// after the spill (AllowEviction); the last AllowEviction destroys it.
+// after the spill (AllowEviction). It is destroyed by whichever comes last of
+// its caller's UnlockRange and the journal's last AllowEviction, so a caller
+// that commits before it unlocks, or a spill that ends before the unlock,
+// never frees a CTO that the other side still uses.
 #include <cstdint>
+#include <mutex>
 #include <ostream>
 #include <vector>
 
@@ -27,8 +31,12 @@ public:
     void MarkRangeDirty();
     void MarkRangeClean();
     void PreventEviction();
-    // Drops one PreventEviction; the last one destroys the CTO.
+    // Drops one PreventEviction; the last one destroys the CTO once its
+    // caller has unlocked it.
     void AllowEviction();
+    // The caller's UnlockRange is done with it: true when nothing else holds
+    // it (neither dirty for an uncommitted set nor pinned), so it may go now.
+    bool ReleaseByCaller();
     bool AllEvictable();
 
     CacheRangeTracker& owner() { return mOwner; }
@@ -47,6 +55,12 @@ public:
 
 private:
     CacheRangeTracker& mOwner;
+    // Set once the journal has seen this CTO (MarkRangeDirty). Until then it
+    // is only its caller's, and the caller's unlock decides alone.
+    bool mJournalled = false;
+    bool mUnlocked = false;
+    // Orders the caller's unlock against the journal's commit and spill.
+    std::mutex mStateLock;
     // The stores PreventEviction pinned: the pins outlive the CROs, which an
     // invalidation may drop once the transaction has committed.
     std::vector<DataStore*> mPinnedStores;

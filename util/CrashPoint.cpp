@@ -10,12 +10,13 @@
 #include "platform/board/Board.h"
 #include "util/ConsoleCommand.h"
 
+std::atomic<bool> gCrashPointArmed{false};
+
 namespace {
 std::mutex gLock;
 std::string gName;
 unsigned gPass = 1;
 unsigned gSeen = 0;
-std::atomic<bool> gArmed{false};
 std::once_flag gEnvOnce;
 
 void readEnvironment() {
@@ -37,14 +38,14 @@ void armCrashPoint(const std::string& name, unsigned pass) {
     gName = name;
     gPass = pass;
     gSeen = 0;
-    gArmed = true;
+    gCrashPointArmed = true;
 }
 
-void disarmCrashPoint() { gArmed = false; }
+void disarmCrashPoint() { gCrashPointArmed = false; }
 
 void CrashPoint(const char* name) {
     std::call_once(gEnvOnce, readEnvironment);
-    if (!gArmed.load(std::memory_order_relaxed)) return;
+    if (!gCrashPointArmed.load(std::memory_order_relaxed)) return;
     std::lock_guard<std::mutex> g(gLock);
     if (gName != name || ++gSeen < gPass) return;
     static const char msg[] = "CRASH POINT reached: ";
@@ -55,6 +56,10 @@ void CrashPoint(const char* name) {
 }
 
 namespace {
+// ESA_CRASH_AT is read at start, so that crashPointArmed() is right from the
+// first point passed.
+[[maybe_unused]] const bool gEnvironmentRead = (std::call_once(gEnvOnce, readEnvironment), true);
+
 int crashPointCommand(int argc, char** argv, std::ostream& out) {
     if (argc == 2 && std::strcmp(argv[1], "off") == 0) {
         disarmCrashPoint();

@@ -174,6 +174,28 @@ StatusCode ExtendingLockObject::LockExclusiveExtending(IOTracker& iot) {
     return StatusCode::Success;
 }
 
+bool ExtendingLockObject::TryLockExclusiveExtending(IOTracker& iot) {
+    if (bypass) return true;
+    uint64_t id = iot.getID();
+    {
+        Guard g(*mProtection);
+        if (mTransID == id) {
+            ++mExtendCount;
+        } else {
+            if (mLocked || !mPending.empty()) return false;
+            acquireExclusiveLocked(g, id);  // free and no one queued: no wait
+            ++mExtendCount;
+            mTransID = id;
+            mExtended = true;
+            g.unlock();
+            iot.addExtendedLock(this);
+        }
+    }
+    // A try never waits, so it cannot close a cycle: only the hold is noted.
+    LockOrderChecker::noteAcquired(this, id);
+    return true;
+}
+
 StatusCode ExtendingLockObject::LockReleaseExtending() {
     if (bypass) return StatusCode::Success;
     {
@@ -182,6 +204,25 @@ StatusCode ExtendingLockObject::LockReleaseExtending() {
         ESA_ASSERT_OP(mExtendCount, >, 0);
         --mExtendCount;
         // Still extended: the lock now belongs to the transaction until commit.
+        if (!mExtended && mExtendCount == 0) releaseExclusiveLocked();
+    }
+    LockOrderChecker::noteReleased(this);
+    return StatusCode::Success;
+}
+
+StatusCode ExtendingLockObject::ReleaseHold(IOTracker& iot, bool giveBack) {
+    if (bypass) return StatusCode::Success;
+    {
+        Guard g(*mProtection);
+        ESA_ASSERT(this->isExclusive());
+        ESA_ASSERT_OP(mExtendCount, >, 0);
+        if (giveBack && mExtendCount == 1 && mExtended && mTransID == iot.getID()) {
+            // Off the transaction's list before the lock can pass to another.
+            iot.removeExtendedLock(this);
+            mTransID = 0;
+            mExtended = false;
+        }
+        --mExtendCount;
         if (!mExtended && mExtendCount == 0) releaseExclusiveLocked();
     }
     LockOrderChecker::noteReleased(this);

@@ -34,7 +34,15 @@ public:
     bool OwnsLock(IOTracker& iot);
 
     StatusCode LockExclusiveExtending(IOTracker& iot);
+    // LockExclusiveExtending when it needs no wait: the lock is free with no
+    // one queued, or this transaction holds it already. False, with nothing
+    // taken, otherwise; so it never waits and never overtakes a waiter.
+    bool TryLockExclusiveExtending(IOTracker& iot);
     StatusCode LockReleaseExtending();
+    // LockReleaseExtending that, when `giveBack` and this is the
+    // transaction's only hold, also gives the extension back (UnextendLock),
+    // all in one step: the end of a range lock's use by one call chain.
+    StatusCode ReleaseHold(IOTracker& iot, bool giveBack);
     void CommitExtendedLock(IOTracker& iot);
     void UnextendLock(IOTracker& iot);
 

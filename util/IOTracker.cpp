@@ -14,12 +14,53 @@ uint64_t IOTracker::nextId() {
     return id;
 }
 
+// Each thread keeps the shared record of its last ended transaction for its
+// next one: a thread that runs transaction after transaction takes no pool
+// lock for them. The slot is a plain thread-local pointer (no per-access
+// initialisation check); SpareState frees what it holds when the thread ends.
+namespace {
+thread_local void* tSpare = nullptr;
+thread_local bool tSpareFreedAtExit = false;
+}  // namespace
+
+struct IOTracker::SpareState {
+    SharedState* state = nullptr;  // unused: the slot is tSpare
+    ~SpareState() {
+        delete static_cast<SharedState*>(tSpare);
+        tSpare = nullptr;
+    }
+};
+
+IOTracker::SpareState& IOTracker::spare() {
+    thread_local SpareState s;
+    return s;
+}
+
 IOTracker::SharedState* IOTracker::newSharedState() {
+    if (void* s = tSpare) {
+        tSpare = nullptr;
+        return static_cast<SharedState*>(s);
+    }
     // Transactions are begun on every I/O path: their shared records come from
     // a pool, sized here until the system sizes it for its steady state.
     static bool sized = (ObjectPool<SharedState>::Initialize(kDefaultSharedStates), true);
     (void)sized;
     return new SharedState;
+}
+
+void IOTracker::endSharedState(SharedState* s) {
+    if (tSpare) {
+        delete s;
+        return;
+    }
+    if (!tSpareFreedAtExit) {
+        spare();  // made once per thread, so that the slot is emptied at its end
+        tSpareFreedAtExit = true;
+    }
+    s->refs.store(1, std::memory_order_relaxed);
+    s->dirty.store(0, std::memory_order_relaxed);
+    s->commits.store(0, std::memory_order_relaxed);
+    tSpare = s;
 }
 
 IOTracker::IOTracker(iotType type)
@@ -36,10 +77,13 @@ IOTracker::IOTracker(IOTracker& other)
 }
 
 IOTracker::~IOTracker() {
-    if (mShared->refs.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+    // A sole copy needs no atomic step: no other copy exists to fork from it.
+    if (mShared->refs.load(std::memory_order_acquire) != 1 &&
+        mShared->refs.fetch_sub(1, std::memory_order_acq_rel) != 1)
+        return;
     if (!isReadWrite()) lockRelease();
     ESA_ASSERT(mLockObjectList->empty());
-    delete mShared;
+    endSharedState(mShared);
 }
 
 void IOTracker::lockRelease() {
@@ -77,25 +121,38 @@ void IOTracker::addClid() {
     if (journal.addClid) journal.addClid(*this, mCacheTracker);
 }
 
+// The lock list is shared by all copies of a transaction. While this is the
+// only copy, no other thread can reach the list (a copy is made from this
+// object, by its user), so the list lock is skipped.
+class IOTracker::ListGuard {
+public:
+    explicit ListGuard(SharedState& s) : mLock(s.listLock, std::defer_lock) {
+        if (s.refs.load(std::memory_order_acquire) != 1) mLock.lock();
+    }
+
+private:
+    std::unique_lock<std::mutex> mLock;
+};
+
 void IOTracker::addExtendedLock(ExtendingLockObject* lock) {
-    std::lock_guard<std::mutex> g(mShared->listLock);
+    ListGuard g(*mShared);
     mLockObjectList->push_back(lock);
     mShared->lockCount.store(uint32_t(mLockObjectList->size()));
 }
 
 void IOTracker::removeExtendedLock(ExtendingLockObject* lock) {
-    std::lock_guard<std::mutex> g(mShared->listLock);
+    ListGuard g(*mShared);
     mLockObjectList->remove(lock);
     mShared->lockCount.store(uint32_t(mLockObjectList->size()));
 }
 
 ExtendingLockObject* IOTracker::frontExtendedLock() {
-    std::lock_guard<std::mutex> g(mShared->listLock);
+    ListGuard g(*mShared);
     return mLockObjectList->empty() ? nullptr : mLockObjectList->front();
 }
 
 bool IOTracker::hasExtendedLocks() {
-    std::lock_guard<std::mutex> g(mShared->listLock);
+    ListGuard g(*mShared);
     return !mLockObjectList->empty();
 }
 

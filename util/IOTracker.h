@@ -65,7 +65,13 @@ public:
     LockTask ownerTask() const { return mOwnerTask; }
 
     // Journal bookkeeping: metadata changed in this transaction / commits made.
-    void markDirty() { mShared->dirty.fetch_add(1, std::memory_order_relaxed); }
+    void markDirty() {
+        // A sole copy has no other writer (see ListGuard): no atomic step.
+        if (mShared->refs.load(std::memory_order_acquire) == 1)
+            mShared->dirty.store(mShared->dirty.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        else
+            mShared->dirty.fetch_add(1, std::memory_order_relaxed);
+    }
     uint32_t dirtyCount() const { return mShared->dirty.load(std::memory_order_relaxed); }
     uint32_t commitCount() const { return mShared->commits.load(std::memory_order_relaxed); }
     uint32_t copies() const { return mShared->refs.load(std::memory_order_relaxed); }
@@ -101,7 +107,12 @@ private:
         std::atomic<uint32_t> lockCount{0};  // locks.size(), readable without listLock
     };
     static uint64_t nextId();
+    struct SpareState;
+    class ListGuard;
+    static SpareState& spare();
     static SharedState* newSharedState();
+    // The last copy is done with it: kept as this thread's spare, or freed.
+    static void endSharedState(SharedState* s);
     static constexpr size_t kDefaultSharedStates = 1024;
 
     SharedState* mShared;

@@ -23,6 +23,7 @@ protected:
         std::memset(partition(), 0, j2::kPartitionSize);
         gCalls.clear();
         J2CacheHooks& h = J2CacheHooks::get();
+        mSaved = h;
         h.markRangeDirty = [](CacheTrackerObject* c) { gCalls.push_back(name("dirty", c)); };
         h.preventEviction = [](CacheTrackerObject* c) { gCalls.push_back(name("pin", c)); };
         h.markRangeClean = [](CacheTrackerObject* c) { gCalls.push_back(name("clean", c)); };
@@ -30,9 +31,10 @@ protected:
         h.clearSet = [](unsigned slot) { gCalls.push_back("clearSet" + std::to_string(slot)); };
     }
     void TearDown() override {
-        J2CacheHooks::get() = J2CacheHooks{};
+        J2CacheHooks::get() = mSaved;  // the cache's own hooks
         J2Harness::TearDown();
     }
+    J2CacheHooks mSaved;
 };
 
 TEST_F(J2CacheHooksTest, RangesArePinnedFromCommitUntilTheirDiskIsFlushedAndNeverTouchedOnReplay) {

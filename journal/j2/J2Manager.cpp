@@ -6,22 +6,27 @@
 
 #include "journal/j2/J2CacheHooks.h"
 #include "journal/j2/J2Nvram.h"
+#include "journal/j2/J2io.h"
 #include "journal/j2/J2Trace.h"
 #include "system/SystemManager.h"
 #include "system/nvram.h"
 #include "util/Assert.h"
+#include "util/MemoryPool.h"
 #include "util/Trace.h"
 
 using namespace j2;
 
 namespace {
+// One timing in 64: the histograms need only their shape, and two board
+// clock reads cost as much as the copy of a small set.
 bool sampleThisOne() {
     thread_local uint32_t n = 0;
-    return (++n & 15) == 0;
+    return (++n & 63) == 0;
 }
 }  // namespace
 
 J2Manager* J2Manager::GetInstance() {
+    if (J2Manager* standIn = sStandIn.load(std::memory_order_acquire)) return standIn;
     static J2Manager* instance = new J2Manager(nullptr, true);
     return instance;
 }
@@ -31,6 +36,13 @@ J2Manager::J2Manager(unsigned char* partition, bool threads)
     fatal = [](const std::string& why) { SystemManager::GetInstance()->Reboot(why.c_str()); };
     mSyncDone = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
     mTimerWake = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
+    // The journal's small objects come from their pools, never the heap, in
+    // the steady state: sets being built, their writes, the spill's extents
+    // (a full journalette of one-sector writes) and the extra-clid lists.
+    ObjectPool<J2set>::Initialize(64);
+    ObjectPool<J2subTran>::Initialize(1024);
+    ObjectPool<J2io::elem>::Initialize(4096);
+    ObjectPool<clidTracker::elem>::Initialize(256);
 }
 
 J2Manager::~J2Manager() {
@@ -63,6 +75,48 @@ void J2Manager::installTrackerHooks() {
         return uint32_t(n);
     };
     IOTracker::journal.addClid = [](IOTracker& t, CacheTrackerObject* c) { target->addClid(t, c); };
+    // A cache pool whose blocks are all pinned by committed sets asks for a
+    // spill; the request never waits, the pool retries after a tick.
+    MemoryPool::setSpillRequest([](MemoryPool&, uint32_t) { target->requestSpill(); });
+}
+
+void J2Manager::removeTrackerHooks() {
+    IOTracker::journal = IOTracker::JournalHooks{};
+    MemoryPool::setSpillRequest(nullptr);
+}
+
+namespace {
+// The set a thread's last commit finished with, kept for its next set: sets
+// are built and committed by the same thread as a rule, so a steady stream of
+// commits neither allocates nor touches a shared word. A plain thread-local
+// pointer; SpareSetOwner frees what it holds when the thread ends.
+thread_local J2set* tSpareSet = nullptr;
+thread_local bool tSpareSetFreedAtExit = false;
+struct SpareSetOwner {
+    ~SpareSetOwner() {
+        delete tSpareSet;
+        tSpareSet = nullptr;
+    }
+};
+}  // namespace
+
+J2set* J2Manager::newSet() {
+    if (J2set* s = tSpareSet) {
+        tSpareSet = nullptr;
+        s->reset();
+        return s;
+    }
+    return new J2set;
+}
+
+void J2Manager::retireSet(J2set* set) {
+    if (!tSpareSetFreedAtExit) {
+        thread_local SpareSetOwner owner;
+        (void)owner;
+        tSpareSetFreedAtExit = true;
+    }
+    delete tSpareSet;
+    tSpareSet = set;
 }
 
 J2set* J2Manager::findSet(uint64_t id, J2set** prev) const {
@@ -96,8 +150,8 @@ StatusCode J2Manager::writeData(unsigned short drive, DataWindow& window, unsign
 
 StatusCode J2Manager::addWrite(unsigned short drive, const DiskPane* pane, DataWindow* window, uint32_t length,
                                unsigned long long lba, IOTracker& tracker) {
-    // Writes and copies are timed one in 16: they are the hot path of every
-    // metadata change, and the histograms need only their shape.
+    // Writes and copies are timed one in 64 (sampleThisOne): they are the hot
+    // path of every metadata change.
     std::optional<ManualPerfSamplerLimitForced> timer;
     if (sampleThisOne()) timer.emplace(&mWriteTimes, "J2Manager::writeData", 1000000);
     if (drive >= kMaxDisks || dh(drive).getValid() == 0) {
@@ -112,7 +166,7 @@ StatusCode J2Manager::addWrite(unsigned short drive, const DiskPane* pane, DataW
     J2set* set = findSet(tracker.getID(), nullptr);
     if (!set) {
         ESA_TRACE(j2Trace, "making new atomic set for transaction 0x" << std::hex << tracker.getID() << std::dec);
-        set = new J2set;
+        set = newSet();
         set->id = tracker.getID();
         J2set** tail = &mBuildList;
         while (*tail) tail = &(*tail)->next;
@@ -126,7 +180,7 @@ StatusCode J2Manager::addWrite(unsigned short drive, const DiskPane* pane, DataW
                                     << need.payload + length << " journal = " << kPayloadSize);
         return StatusCode::OutOfSpace;
     }
-    J2subTran* t = new J2subTran;
+    J2subTran* t = set->takeSubTran();
     t->clid = tracker.cacheTracker();
     t->lba = uint32_t(lba);
     t->drive = drive;
@@ -230,8 +284,11 @@ bool J2Manager::spaceCheck(J2set* set) {
 }
 
 StatusCode J2Manager::commit(J2set* set, J2set* prev) {
-    PerfSamplerLimitForced timer(&mCommitTimes, "J2Manager::commit", 1000000);
-    mActivity = true;
+    // Timed one in 64, as writes and copies are.
+    std::optional<PerfSamplerLimitForced> timer;
+    if (sampleThisOne()) timer.emplace(&mCommitTimes, "J2Manager::commit", 1000000);
+    // Read by the idle timer only: a plain store, and none while it is set.
+    if (!mActivity.load(std::memory_order_relaxed)) mActivity.store(true, std::memory_order_relaxed);
     if (prev) prev->next = set->next;
     else mBuildList = set->next;
     mBuildListLock.LockRelease();
@@ -292,7 +349,7 @@ StatusCode J2Manager::commit(J2set* set, J2set* prev) {
             }
             load[d].payload += t->length;
             diskTran[d]++;
-            delete t;
+            set->retire(t);
         }
         set->tail = nullptr;
         if (copy) copy->stop();
@@ -325,7 +382,8 @@ StatusCode J2Manager::commit(J2set* set, J2set* prev) {
         // mark: a record left there by an earlier start must never be taken
         // for part of a later set.
         J2Nvram::zero(load[s].ctrl, kSetHeadSize, "j2.commit.nextHead");
-        J2Nvram::store16(dh(s).clean, 0, "j2.commit.clean");
+        // Already dirty from an earlier set: storing 0 again would change nothing.
+        if (dh(s).getClean() != 0) J2Nvram::store16(dh(s).clean, 0, "j2.commit.clean");
         space[s].ctrl -= set->need[s].ctrl;
         space[s].payload -= set->need[s].payload;
     }
@@ -342,7 +400,7 @@ StatusCode J2Manager::commit(J2set* set, J2set* prev) {
     if (mSyncCount && (set->flags & J2set::kSyncWanted)) {
         if (--mSyncCount == 0) semGive(mSyncDone);
     }
-    delete set;
+    retireSet(set);
     return StatusCode::Success;
 }
 

@@ -65,8 +65,14 @@ public:
     StatusCode getMaxPayloadNeeded(IOTracker const& tracker, unsigned long& payload) const;
     bool journalsClean() const;
     void updateCriticalDiskMap(unsigned long map) { mCriticalMap = uint32_t(map); }
-    // Makes IOTracker's commit, flush flag, payload and addClid go through this instance.
+    // Makes IOTracker's commit, flush flag, payload and addClid go through
+    // this instance, and cache pools' spill requests come to it.
     void installTrackerHooks();
+    static void removeTrackerHooks();
+    // Tests: GetInstance answers `j2` (the disk layer's journal) until reset
+    // with nullptr, so that a test journal over its own partition takes the
+    // metadata writes of the real disk and cache layers.
+    static void setStandIn(J2Manager* j2) { sStandIn.store(j2, std::memory_order_release); }
 
     // Holds "rJ2Flush" for its scope (the relayout engine while it moves a
     // chunk): no spill runs meanwhile, and the idle timer skips its turn.
@@ -138,6 +144,10 @@ private:
                         unsigned long long lba, IOTracker& tracker);
     StatusCode commit(J2set* set, J2set* prev);
     J2set* findSet(uint64_t id, J2set** prev) const;
+    // A set for a new transaction: the one the last commit finished with, or a new one.
+    J2set* newSet();
+    // A committed set becomes this thread's spare (one deep; an older spare is freed).
+    void retireSet(J2set* set);
     bool spaceCheck(J2set* set);
     Committed walkCommitted(unsigned slot) const;
     unsigned repairTornMarks();
@@ -200,6 +210,7 @@ private:
     std::atomic<uint32_t> mSpillWrites{0};
     std::atomic<uint32_t> mSpillCount{0};
     std::atomic<uint32_t> mTimerTurns{0};
+    static inline std::atomic<J2Manager*> sStandIn{nullptr};
     PerfAccumulator mCommitTimes, mWriteTimes, mCopyTimes, mPlayoutTimes, mFlushTimes;
     DataAccumulator mSpillSizes;
 };

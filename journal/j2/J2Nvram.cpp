@@ -25,9 +25,12 @@ void copyOrdered(unsigned char* to, const unsigned char* from, size_t bytes) {
 }
 }  // namespace
 
-void J2Nvram::setCutHook(CutHook h) { hook() = std::move(h); }
+void J2Nvram::setCutHook(CutHook h) {
+    sHooked.store(bool(h), std::memory_order_relaxed);
+    hook() = std::move(h);
+}
 
-bool J2Nvram::reached(const char* point) {
+bool J2Nvram::reachedChecked(const char* point) {
     CrashPoint(point);
     const CutHook& h = hook();
     return !h || h(point);

@@ -311,42 +311,48 @@ void J2Manager::hotPlug(unsigned short drive, hotOperation op) {
         }
         const DiskIdentifier* id = DiskManager::GetInstance()->GetDiskWWN(drive);
         if (!id) return;
-        LockObject::ExclusiveLockInstance soft(&mSoftLock);
-        if (dh(drive).getValid()) {
-            ESA_CONSOLE("J2::hotPlug: Already a disk in slot " << drive);
-            if (dh(drive).diskId == *id) {
-                ESA_CONSOLE("J2::hotPlug: ALLOWING CONTINUATION, disk is the same!");
-                return;
-            }
-        }
-        for (unsigned o = 0; o < kMaxDisks; ++o) {
-            if (o == drive || dh(o).diskId != *id) continue;
-            if (dh(o).getClean() == 0) {
-                ESA_CONSOLE("J2::hotPlug: added disk was DIRTY when removed, " << "replaying from slot " << o
-                                                                               << " to disk " << drive);
-                J2Nvram::store16(dh(o).diskNum, drive, "j2.hot.diskNum");
-                setValid(o, 1);
-                {
-                    ReentrantLockObject::LockInstance flush(&mFlushLock);
-                    if (needSpill(o)) doSpill(o, true);
+        bool clearSlot = false;
+        {
+            LockObject::ExclusiveLockInstance soft(&mSoftLock);
+            if (dh(drive).getValid()) {
+                ESA_CONSOLE("J2::hotPlug: Already a disk in slot " << drive);
+                if (dh(drive).diskId == *id) {
+                    ESA_CONSOLE("J2::hotPlug: ALLOWING CONTINUATION, disk is the same!");
+                    return;
                 }
-                setValid(o, 0);
-                stampHeader(o, nullptr, uint16_t(o), 0);
-                if (J2CacheHooks::get().clearSet) J2CacheHooks::get().clearSet(drive);
-            } else {
-                ESA_CONSOLE("J2::hotPlug: added disk was CLEAN when removed, " << "no replay needed");
-                stampHeader(o, nullptr, uint16_t(o), 0);
             }
-            break;
+            for (unsigned o = 0; o < kMaxDisks; ++o) {
+                if (o == drive || dh(o).diskId != *id) continue;
+                if (dh(o).getClean() == 0) {
+                    ESA_CONSOLE("J2::hotPlug: added disk was DIRTY when removed, " << "replaying from slot " << o
+                                                                                   << " to disk " << drive);
+                    J2Nvram::store16(dh(o).diskNum, drive, "j2.hot.diskNum");
+                    setValid(o, 1);
+                    {
+                        ReentrantLockObject::LockInstance flush(&mFlushLock);
+                        if (needSpill(o)) doSpill(o, true);
+                    }
+                    setValid(o, 0);
+                    stampHeader(o, nullptr, uint16_t(o), 0);
+                    clearSlot = true;
+                } else {
+                    ESA_CONSOLE("J2::hotPlug: added disk was CLEAN when removed, " << "no replay needed");
+                    stampHeader(o, nullptr, uint16_t(o), 0);
+                }
+                break;
+            }
+            // A dirty journalette of an absent disk in this slot gives way to the
+            // newcomer (its disk can no longer be replayed to).
+            if (dh(drive).getClean() == 0 && dh(drive).diskId != *id)
+                ESA_CONSOLE("J2::hotPlug: discarding DIRTY journalette of absent disk [" << dh(drive).diskId
+                                                                                         << "] for new disk in slot "
+                                                                                         << drive);
+            resetSoftJournalette(drive);
+            stampHeader(drive, id, drive, 1);
         }
-        // A dirty journalette of an absent disk in this slot gives way to the
-        // newcomer (its disk can no longer be replayed to).
-        if (dh(drive).getClean() == 0 && dh(drive).diskId != *id)
-            ESA_CONSOLE("J2::hotPlug: discarding DIRTY journalette of absent disk [" << dh(drive).diskId
-                                                                                     << "] for new disk in slot "
-                                                                                     << drive);
-        resetSoftJournalette(drive);
-        stampHeader(drive, id, drive, 1);
+        // The cache is told outside "lJ2Soft": dropping a set may wait for a
+        // range lock, and range locks come before the journal's locks.
+        if (clearSlot && J2CacheHooks::get().clearSet) J2CacheHooks::get().clearSet(drive);
         return;
     }
     if (op == hotRemove) {

@@ -70,19 +70,52 @@ struct J2set : ObjectPool<J2set> {
     };
 
     ~J2set() {
-        while (J2subTran* t = head) {
-            head = t->next;
-            delete t;
-        }
+        freeChain(head);
+        freeChain(spare);
+    }
+    // Commits reuse the set and sub-transactions of the commit before (see
+    // J2Manager::newSet): a steady stream of commits allocates nothing.
+    J2subTran* takeSubTran() {
+        J2subTran* t = spare;
+        if (!t) return new J2subTran;
+        spare = t->next;
+        t->next = nullptr;
+        return t;
+    }
+    // Gives a committed sub-transaction back, its data reference dropped.
+    void retire(J2subTran* t) {
+        t->window.clear();
+        t->clid = nullptr;
+        t->pane = DiskPane{nullptr, 0};
+        t->injectError = false;
+        t->next = spare;
+        spare = t;
+    }
+    // Makes a committed set (its sub-transactions retired) a fresh one.
+    void reset() {
+        next = nullptr;
+        id = 0;
+        head = tail = nullptr;
+        clids.clear();
+        flags = 0;
+        for (Need& n : need) n = Need{};
     }
     J2set* next = nullptr;
     uint64_t id = 0;
     J2subTran* head = nullptr;
     J2subTran* tail = nullptr;
+    J2subTran* spare = nullptr;  // retired sub-transactions, for the next use of this set
     clidTracker clids;
     uint32_t flags = 0;
     Need need[j2::kMaxDisks];
 
+    static void freeChain(J2subTran* t) {
+        while (t) {
+            J2subTran* n = t->next;
+            delete t;
+            t = n;
+        }
+    }
     void append(J2subTran* t) {
         if (tail) tail->next = t;
         else head = t;
