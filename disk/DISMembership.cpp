@@ -65,12 +65,12 @@ bool DIS::packViable(bool& updateNeeded) {
     DiskPackManager* dpm = DiskPackManager::GetInstance();
     SystemManager* sm = SystemManager::GetInstance();
     if (logicalDisks == 0) {
+        // The reason stays what the choice found (conflicting packs, or none).
         ESA_TRACE(viableTrace, "DPM::packViable: no disks in DIS, pack not viable");
-        dpm->setNotLoadedReason(DiskPackManager::kNoSpecificError);
         return false;
     }
     bool readOnlyLoaded = false;
-    if (!dpm->packLoaded()) {
+    if (!dpm->packLoaded() && !dpm->systemStagesReplaced()) {
         if (sm->LoadDiskPackReadOnly() != StatusCode::Success) {
             postEvent("DPM::packViable: READ ONLY load failed, pack NOT viable.");
             dpm->setNotLoadedReason(DiskPackManager::kReadOnlyLoadFailure);

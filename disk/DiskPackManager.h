@@ -149,9 +149,12 @@ public:
     // The master record (tests and the DIS members that judge the pack).
     DIS& master() { return mDis; }
     void setNotLoadedReason(int reason) { mNotLoadedReason = reason; }
-    // Replaces the second load stage (unit tests without the upper layers);
-    // null restores SystemManager::LoadDiskPack2.
+    // Unit tests without the system manager and the layers above: `stage`
+    // replaces the second load stage, and the system manager's other parts of
+    // a load (the journal's preparation, the read-only load of a candidate)
+    // are left out. Null restores the system's own.
     void setSecondStageForTest(bool (*stage)()) { mSecondStage = stage; }
+    bool systemStagesReplaced() const { return mSecondStage != nullptr; }
     // Back to the state of a fresh process (tests).
     void resetForTest();
 

@@ -267,7 +267,7 @@ bool DiskPackManager::chooseCandidatePack(const DiskMap& diskMap, bool clearDisk
                   (clearDisk ? "true" : "false"));
         mDis.reset();
         createNewDiskPack(diskMap, mDis);
-        SystemManager::GetInstance()->prepForPackLoad();
+        if (!systemStagesReplaced()) SystemManager::GetInstance()->prepForPackLoad();
         unsigned next = 0;
         bool any = false;
         while (DIS* d = mCandidates.popFront()) {
@@ -403,6 +403,7 @@ StatusCode DiskPackManager::doColdStart(bool clearDisk) {
         return StatusCode::InternalError;
     }
     mDiskPackLoading = true;
+    mNotLoadedReason = kNoSpecificError;
     DiskMap diskMap = readyDisks();
     for (auto& [slot, id] : diskMap) DiskLBAMetaDataTracker::GetInstance()->ClearSet(uint32_t(slot));
     checkpoint("DLBAT flushed");
@@ -430,7 +431,7 @@ StatusCode DiskPackManager::doColdStart(bool clearDisk) {
     }
     postEvent("DPM::doColdStart: COMMITTING TO LOAD disk pack " + idText(mDis.packId) + " generation " +
               std::to_string(mDis.generation));
-    if (!created) SystemManager::GetInstance()->prepForPackLoad();
+    if (!created && !systemStagesReplaced()) SystemManager::GetInstance()->prepForPackLoad();
     else SystemManager::GetInstance()->setClearDiskRequested(true);
     for (unsigned ld = 0; ld < maxLogicalDisks; ++ld)
         if (DIS::LogicalDiskContainer* c = mDis.container(ld))
