@@ -122,7 +122,10 @@ StatusCode DiskPackManager::setDiskPackName(const char* name) {
         mDis.setName(name);
         mDis.flags |= DIS_UPDATE_GLOBAL;
     }
-    return mDis.updateDis(nullptr, true);
+    StatusCode st = mDis.updateDis(nullptr, true);
+    // A rolled-back rename is written again by the repair.
+    checkDisRepair();
+    return st;
 }
 
 // ---- LD and slot
