@@ -5,6 +5,7 @@
 // In memory these are plain values; the 0x88-byte little-endian on-disk form
 // is built and parsed by RegionManager.
 #include <cstdint>
+#include <ostream>
 
 #include "disk/DiskPackId.h"
 
@@ -45,3 +46,20 @@ struct RecoveryBlock {
     _ZISRecovery zis;
     uint64_t recoveryGeneration = 0;
 };
+
+// The on-disk form: 0x88 bytes, little-endian, at the start of a 512-byte
+// sector whose rest is zero. encode() stores the CRC it computes.
+namespace RecoveryBlockFormat {
+constexpr uint32_t kVersion = 1;
+constexpr uint32_t kOwnershipOffset = 0x2C;
+constexpr uint32_t kOwnershipBytes = 0x44;
+constexpr uint32_t kCrcOffset = 0x04;
+void encode(RecoveryBlock& block, uint8_t* sector);
+RecoveryBlock decode(const uint8_t* sector);
+// The CRC the record should carry (computed with the CRC field zero).
+uint32_t expectedCrc(const uint8_t* sector);
+void encodeOwnership(const _ZoneOwnership& ownership, uint8_t* at);
+_ZoneOwnership decodeOwnership(const uint8_t* at);
+// Every field with its label, as the scan prints it.
+void print(const RecoveryBlock& block, std::ostream& out);
+}  // namespace RecoveryBlockFormat

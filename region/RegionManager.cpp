@@ -1,56 +1,180 @@
 #include "region/RegionManager.h"
 
-#include "disk/DisSector.h"
+#include "cache/DiskLBAMetaDataTracker.h"
 #include "disk/DiskPackManager.h"
+#include "include/DrivePackInfo.h"
+#include "region/RegionInternal.h"
+#include "system/FlashConfigData.h"
+#include "zone/RedundancyGeometry.h"
 
-// Until the Region layer is built every call refuses with FunctionNotImplemented.
-namespace {
-constexpr StatusCode kNotYet = StatusCode::FunctionNotImplemented;
+Trace tRM("RM", "RegionManager", "Info", false);
+
+namespace region_internal {
+StatusCode disRanges(uint16_t ld, std::array<RegionLayout::Range, 3>& ranges) {
+    DiskPackManager* dpm = DiskPackManager::GetInstance();
+    for (unsigned c = 0; c < 3; ++c) {
+        uint32_t sectors = 0, lba = 0;
+        StatusCode st = dpm->getDPMMetaDataLBA(ld, c, sectors, lba);
+        if (st != StatusCode::Success) return st;
+        ranges[c] = {lba, lba + sectors};
+    }
+    return StatusCode::Success;
 }
+
+RegionLayout layoutOf(const LogicalDiskMap& m, const std::array<RegionLayout::Range, 3>& ranges) {
+    return RegionLayout(m.capacity, m.regionSectors(), m.header.padding, ranges, m.bitmapSectors());
+}
+}  // namespace region_internal
 
 RegionManager* RegionManager::GetInstance() {
     static RegionManager instance;
     return &instance;
 }
 
-// The pack layer's view for now: every disk takes its metadata at the usual
-// places beside DIS ranges 0 and 1, and nothing is written.
-StatusCode RegionManager::LoadDisk(uint16_t) { return StatusCode::Success; }
-StatusCode RegionManager::CreateDisk(uint16_t ld, uint32_t& lba0, uint32_t& lba1, bool&) {
-    uint32_t capacity = 0;
-    StatusCode st = DiskPackManager::GetInstance()->getCapacity(ld, capacity);
+RegionManager::RegionManager() : mNewPackRegionBytes(RMLayout::kDefaultRegionBytes) {
+    mMetaReadPoint = mInjection.addIoPoint("rmMetaRead", "fail the next Region read of a metadata transaction");
+    mMetaWritePoint = mInjection.addIoPoint("rmMetaWrite", "fail the next Region write of a metadata transaction");
+    mUserReadPoint = mInjection.addIoPoint("rmUserRead", "fail the next Region read of user data");
+    mUserWritePoint = mInjection.addIoPoint("rmUserWrite", "fail the next Region write of user data");
+}
+
+// A scale factor must leave a Region that every Zone geometry divides evenly
+// (whole stripe blocks, whole superstripe rows) and that still holds, in
+// Region 0 beside DIS range 0, a metadata copy for the largest disk this
+// board takes (2^32 sectors) with room for one relocation step.
+bool RegionManager::ScaleFactorUsable(unsigned long factor, std::string& why) {
+    if (factor == 0) return true;
+    if (factor % 2 != 0) {
+        why = "an odd value is not allowed";
+        return false;
+    }
+    if (RMLayout::kDefaultRegionBytes % factor != 0) {
+        why = "it does not divide the default Region size of 0x2AA8000 bytes";
+        return false;
+    }
+    uint32_t bytes = uint32_t(RMLayout::kDefaultRegionBytes / factor);
+    for (RedundancyType type : kRedundancyTypes)
+        if (!RedundancyGeometry(type, 1, bytes).valid()) {
+            why = "a Region of " + std::to_string(bytes) + " bytes does not hold whole stripe lines of " +
+                  RedundancyGeometry::DecodeRedundancyType(uint32_t(type));
+            return false;
+        }
+    uint32_t sectors = bytes / 512;
+    uint32_t copy = 1 + bitmapBytesFor(regionCountFor(uint64_t(1) << 32, sectors, 1)) / 512;
+    if (RegionLayout::kFirstCopyLba + RMLayout::kMetadataGap + copy > sectors) {
+        why = "a Region of " + std::to_string(bytes) + " bytes cannot hold the Region metadata of a 2 TiB disk";
+        return false;
+    }
+    return true;
+}
+
+StatusCode RegionManager::Initialize() {
+    mPadding = 1;
+    mRecoverySpace = true;
+    mNewPackRegionBytes = RMLayout::kDefaultRegionBytes;
+    unsigned long factor = 0;
+    if (FlashConfigData::GetInstance()->GetValueUint32(FlashConfigData::RegionScaleFactor, factor) ==
+            StatusCode::Success &&
+        factor != 0) {
+        std::string why;
+        if (factor % 2 != 0) {
+            ESA_CONSOLE(">>>> RM::Initialize: Invalid regionScaleFactor: " << factor);
+        } else if (!ScaleFactorUsable(factor, why)) {
+            ESA_CONSOLE(">>>> RM::Initialize: Invalid regionScaleFactor: " << factor << " (" << why
+                                                                             << "); the default Region size stands");
+        } else {
+            mNewPackRegionBytes = uint32_t(RMLayout::kDefaultRegionBytes / factor);
+            ESA_CONSOLE("RM::Initialize: regionScaleFactor " << factor << " gives new packs Regions of "
+                                                             << mNewPackRegionBytes << " bytes");
+        }
+    }
+    return StatusCode::Success;
+}
+
+void RegionManager::setPackRegionSize(uint32_t regionSectors) {
+    mRegionSectors = regionSectors;
+    SystemDrivePackInfo* info = SystemDrivePackInfo::GetInstance();
+    if (!info->isSet(SystemDrivePackInfo::RegionSize) ||
+        info->get(SystemDrivePackInfo::RegionSize) != uint64_t(regionSectors) * 512)
+        info->set(SystemDrivePackInfo::RegionSize, uint64_t(regionSectors) * 512);
+}
+
+LogicalDiskMap* RegionManager::firstLoaded() const {
+    for (const auto& m : mMaps)
+        if (m) return m.get();
+    return nullptr;
+}
+
+bool RegionManager::IsPresent(uint16_t ld) {
+    ExtendingLockObject::SharedLockInstance g(&mMapLock);
+    return map(ld) != nullptr;
+}
+
+uint32_t RegionManager::PhysicalRegions(uint16_t ld) {
+    ExtendingLockObject::SharedLockInstance g(&mMapLock);
+    LogicalDiskMap* m = map(ld);
+    return m ? m->regions() : 0;
+}
+
+StatusCode RegionManager::slotOf(uint16_t ld, uint16_t& slot) { return DiskPackManager::GetInstance()->getSlotNum(ld, slot); }
+
+// Metadata sectors go through the pack's sector cache ("dlbat", set = slot):
+// within a transaction a write joins its journal set.
+StatusCode RegionManager::readSectors(uint16_t ld, uint8_t* buffer, uint32_t sectors, uint32_t lba,
+                                      IOTracker& tracker) {
+    uint16_t slot = 0;
+    StatusCode st = slotOf(ld, slot);
     if (st != StatusCode::Success) return st;
-    lba0 = 0x480;
-    lba1 = disRangesFor(capacity)[1].first + 0x80 + 0x400;
+    return DiskLBAMetaDataTracker::GetInstance()->ReadThroughCache(buffer, sectors, slot, lba, tracker);
+}
+
+StatusCode RegionManager::writeSectors(uint16_t ld, uint8_t* buffer, uint32_t sectors, uint32_t lba,
+                                       IOTracker& tracker) {
+    uint16_t slot = 0;
+    StatusCode st = slotOf(ld, slot);
+    if (st != StatusCode::Success) return st;
+    return DiskLBAMetaDataTracker::GetInstance()->WriteThroughCache(buffer, sectors, slot, lba, true, tracker);
+}
+
+StatusCode RegionManager::GetLBA(uint32_t& lba, uint16_t ld, uint32_t offset, uint32_t region) {
+    ExtendingLockObject::SharedLockInstance g(&mMapLock);
+    LogicalDiskMap* m = map(ld);
+    if (!m) return StatusCode::DiskNotPresent;
+    if (offset / 512 >= m->regionSectors() || region >= m->regions()) return StatusCode::RM_BadOffset;
+    lba = m->stride() * region + offset / 512;
     return StatusCode::Success;
 }
-StatusCode RegionManager::RemoveDisk(uint16_t) { return kNotYet; }
-StatusCode RegionManager::CheckRMMetaData(uint16_t, uint32_t& padding) {
-    padding = 1;
+
+StatusCode RegionManager::MapLBAToRegion(uint32_t lba, uint16_t ld, uint32_t& region, uint32_t& sectorOffset) {
+    ExtendingLockObject::SharedLockInstance g(&mMapLock);
+    LogicalDiskMap* m = map(ld);
+    if (!m) return StatusCode::DiskNotPresent;
+    if (m->stride() == 0 || lba >= m->capacity) return StatusCode::RM_BadOffset;
+    region = lba / m->stride();
+    sectorOffset = lba % m->stride();
     return StatusCode::Success;
 }
-StatusCode RegionManager::AllocateRegions(uint16_t, uint32_t, uint32_t*, bool, IOTracker&) { return kNotYet; }
-StatusCode RegionManager::FreeRegions(uint16_t, uint32_t, const uint32_t*, IOTracker&) { return kNotYet; }
-StatusCode RegionManager::SetAsAllocated(uint16_t, uint32_t, IOTracker&) { return kNotYet; }
-StatusCode RegionManager::IsAllocated(uint16_t, uint32_t, bool&, IOTracker&) { return kNotYet; }
-StatusCode RegionManager::GetFreeRegionCount(uint16_t, uint32_t&, IOTracker&) { return kNotYet; }
-StatusCode RegionManager::GetAvailableRegionCount(uint16_t, uint32_t&, IOTracker&) { return kNotYet; }
-StatusCode RegionManager::IncrementBadRegionCount(uint16_t, IOTracker&) { return kNotYet; }
-StatusCode RegionManager::SetMetaData(unsigned, uint16_t, uint32_t, IOTracker&) { return kNotYet; }
-StatusCode RegionManager::GetMetaData(unsigned, uint16_t&, uint32_t&, IOTracker&) { return kNotYet; }
-StatusCode RegionManager::GetLBA(uint32_t&, uint16_t, uint32_t, uint32_t) { return kNotYet; }
-StatusCode RegionManager::ReadData(uint16_t, uint32_t, uint32_t, DataWindow&, IOTracker&) { return kNotYet; }
-StatusCode RegionManager::WriteData(uint16_t, uint32_t, uint32_t, DataWindow&, IOTracker&) { return kNotYet; }
-StatusCode RegionManager::ReadDataParallel(_IORequest*, unsigned, IOTracker&) { return kNotYet; }
-StatusCode RegionManager::WriteDataParallel(_IORequest*, unsigned, IOTracker&) { return kNotYet; }
-StatusCode RegionManager::Flush(uint16_t, IOTracker&) { return kNotYet; }
-StatusCode RegionManager::WriteRecoveryBlock(uint16_t, uint32_t, _RegionType, const _ZISRecovery*, const _RISRecovery*,
-                                             IOTracker&) {
-    return kNotYet;
+
+StatusCode RegionManager::getRegionNumber(uint16_t ld, uint32_t lba, uint32_t& region, uint32_t& sectorOffset,
+                                          IOTracker&) {
+    return MapLBAToRegion(lba, ld, region, sectorOffset);
 }
-StatusCode RegionManager::ReadRecoveryBlock(uint16_t, uint32_t, RecoveryBlock&, IOTracker&) { return kNotYet; }
-StatusCode RegionManager::InvalidateRecoveryBlock(uint16_t, uint32_t, IOTracker&) { return kNotYet; }
-StatusCode RegionManager::SetZoneOwnership(uint16_t, uint32_t, const _ZoneOwnership&, IOTracker&) { return kNotYet; }
-StatusCode RegionManager::GetZoneOwnership(uint16_t, uint32_t, _ZoneOwnership&, IOTracker&) { return kNotYet; }
-StatusCode RegionManager::IncrementRecoveryGeneration(IOTracker&) { return kNotYet; }
-void RegionManager::Dump(std::ostream& out) { out << "RegionManager: the Region layer is not built yet\n"; }
+
+StatusCode RegionManager::getRegionOwner(uint16_t ld, uint32_t region, uint32_t& owner) {
+    ExtendingLockObject::SharedLockInstance g(&mMapLock);
+    LogicalDiskMap* m = map(ld);
+    if (!m) return StatusCode::DiskNotPresent;
+    if (region >= m->regions()) return StatusCode::RM_RegionNumberInvalid;
+    owner = 0;
+    for (unsigned c = 0; c < 2; ++c)
+        if (region >= m->rmLba[c] / m->stride() && region <= (m->rmLba[c] + m->copySectors() - 1) / m->stride())
+            owner |= kOwnerRMMetadata;
+    DiskPackManager* dpm = DiskPackManager::GetInstance();
+    for (unsigned c = 0; c < dpm->getDPMMetaDataCount(); ++c) {
+        uint32_t sectors = 0, lba = 0;
+        if (dpm->getDPMMetaDataLBA(ld, c, sectors, lba) != StatusCode::Success || sectors == 0) continue;
+        if (region >= lba / m->stride() && region <= (lba + sectors - 1) / m->stride()) owner |= kOwnerDIS;
+    }
+    if (owner == 0) owner = kOwnerOther;
+    return StatusCode::Success;
+}

@@ -103,3 +103,40 @@ inline bool rabmValid(const uint8_t* area, uint32_t areaBytes) {
 }
 
 }  // namespace independent
+
+namespace independent {
+// A RecoveryBlock: 0x88 little-endian bytes at the start of a padding sector.
+struct RecoveryRecord {
+    bool magic = false, crcValid = false;
+    uint32_t crc = 0, version = 0, packId0 = 0, packId1 = 0, regionSize = 0, type = 0, nextMetadata = 0,
+             nextUserdata = 0, owner = 0, ownerWords[16] = {}, zone = 0, flags = 0, redundancy = 0;
+    uint16_t ld = 0, arrayIndex = 0;
+    uint64_t generation = 0;
+};
+
+inline RecoveryRecord readRecoveryBlock(const uint8_t* s) {
+    RecoveryRecord r;
+    r.magic = le32(s) == 0x5245434F;
+    r.crc = le32(s + 4);
+    uint8_t copy[0x88];
+    std::memcpy(copy, s, sizeof copy);
+    std::memset(copy + 4, 0, 4);
+    r.crcValid = r.crc != 0 && crc(copy, sizeof copy) == r.crc;
+    r.version = le32(s + 8);
+    r.packId0 = le32(s + 0x10);
+    r.packId1 = le32(s + 0x14);
+    r.ld = le16(s + 0x18);
+    r.regionSize = le32(s + 0x1C);
+    r.type = le32(s + 0x20);
+    r.nextMetadata = le32(s + 0x24);
+    r.nextUserdata = le32(s + 0x28);
+    r.owner = le32(s + 0x2C);
+    for (int i = 0; i < 16; ++i) r.ownerWords[i] = le32(s + 0x30 + 4 * i);
+    r.zone = le32(s + 0x70);
+    r.arrayIndex = le16(s + 0x74);
+    r.flags = le32(s + 0x78);
+    r.redundancy = le32(s + 0x7C);
+    r.generation = uint64_t(le32(s + 0x80)) | uint64_t(le32(s + 0x84)) << 32;
+    return r;
+}
+}  // namespace independent

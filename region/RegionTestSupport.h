@@ -1,0 +1,149 @@
+#pragma once
+// Test fixture of the Region layer: simulated disks in the slots, a pack made
+// on them, raw sector access beside the system's own paths (to check and to
+// damage what reached the disks), and reloads that drop every cached sector.
+// Making a pack happens in one place, makePackOnPresentDisks().
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "cache/DiskLBAMetaDataTracker.h"
+#include "disk/DiskPackManager.h"
+#include "disk/DiskTestFixture.h"
+#include "region/RegionManager.h"
+#include "tests/support/IndependentReader.h"
+
+// Reaches into the manager where a test must stage what only an old pack or a
+// damaged disk would give.
+class RegionManagerTestAccess {
+public:
+    static void setNewDiskPadding(uint32_t padding) { RegionManager::GetInstance()->mPadding = padding; }
+    static uint32_t copyLba(uint16_t ld, unsigned copy) {
+        LogicalDiskMap* m = RegionManager::GetInstance()->map(ld);
+        return m ? m->rmLba[copy] : 0;
+    }
+    static uint32_t generation(uint16_t ld) {
+        LogicalDiskMap* m = RegionManager::GetInstance()->map(ld);
+        return m ? m->header.generation : 0;
+    }
+};
+
+class RegionTestFixture : public DiskTestFixture {
+protected:
+    void SetUp() override {
+        DiskTestFixture::SetUp();
+        rm()->UnloadDiskPack();
+        dlbat()->flush();
+        ASSERT_EQ(rm()->Initialize(), StatusCode::Success);
+    }
+    void TearDown() override {
+        rm()->UnloadDiskPack();
+        dlbat()->flush();
+        DiskTestFixture::TearDown();
+    }
+
+    static RegionManager* rm() { return RegionManager::GetInstance(); }
+    static DiskLBAMetaDataTracker* dlbat() { return DiskLBAMetaDataTracker::GetInstance(); }
+
+    // Disks of the given sizes in slots 0.., and a new pack made on them.
+    void makePack(const std::vector<std::string>& sizes) {
+        loadDisks(sizes);
+        makePackOnPresentDisks();
+    }
+
+    // The one place a test pack is made: Region metadata on every present
+    // logical disk, then the full load.
+    void makePackOnPresentDisks() {
+        uint32_t present = DiskPackManager::GetInstance()->presentLogicalDisks();
+        for (uint16_t ld = 0; ld < 24; ++ld) {
+            if (!(present >> ld & 1)) continue;
+            uint32_t lba0 = 0, lba1 = 0;
+            bool keep = false;
+            ASSERT_EQ(rm()->CreateDisk(ld, lba0, lba1, keep), StatusCode::Success) << "LD " << ld;
+        }
+        ASSERT_EQ(rm()->LoadDiskPack(), StatusCode::Success);
+    }
+
+    // A restart as far as the Region layer sees one: nothing kept in memory.
+    StatusCode reload(bool readWrite = true) {
+        rm()->UnloadDiskPack();
+        dlbat()->flush();
+        return readWrite ? rm()->LoadDiskPack() : rm()->LoadDiskPackReadOnly();
+    }
+
+    // Raw sectors, past every cache of the system.
+    std::vector<uint8_t> raw(int slot, uint64_t lba, uint32_t sectors = 1) {
+        std::vector<uint8_t> out(size_t(sectors) * 512);
+        EXPECT_EQ(dm()->ReadData(slot, out.data(), lba, sectors), StatusCode::Success);
+        return out;
+    }
+    void writeRaw(int slot, uint64_t lba, std::vector<uint8_t> bytes) {
+        EXPECT_EQ(dm()->WriteData(slot, bytes.data(), lba, uint32_t(bytes.size() / 512)), StatusCode::Success);
+        dlbat()->flush();
+    }
+
+    // The two copies as an independent reader sees them on the disk.
+    struct Copy {
+        independent::RMHeader header;
+        std::vector<uint8_t> bitmap;
+        bool bitmapValid = false;
+    };
+    Copy readCopy(int slot, uint32_t lba) {
+        Copy c;
+        c.header = independent::readRMHeader(raw(slot, lba).data());
+        if (c.header.bitmapBytes == 0 || c.header.bitmapBytes % 512 != 0 || c.header.bitmapBytes > (1u << 20))
+            return c;
+        c.bitmap = raw(slot, lba + 1, c.header.bitmapBytes / 512);
+        c.bitmapValid = independent::rabmValid(c.bitmap.data(), c.header.bitmapBytes);
+        return c;
+    }
+
+    // Rewrites fields of a metadata header on the disk with a fresh checksum,
+    // as a damaged or older disk would carry them.
+    void patchHeader(int slot, uint32_t lba, const std::function<void(uint8_t*)>& change, bool fixCrc = true) {
+        auto s = raw(slot, lba);
+        change(s.data());
+        if (fixCrc) {
+            std::memset(s.data() + 0x70, 0, 4);
+            putBE(s.data() + 0x70, independent::crc(s.data(), 512));
+        }
+        writeRaw(slot, lba, s);
+    }
+    // Sets or clears one Region's bit in a copy's bitmap, with a fresh checksum.
+    void patchBitmap(int slot, uint32_t headerLba, uint32_t region, bool allocated) {
+        Copy c = readCopy(slot, headerLba);
+        uint8_t bit = uint8_t(1u << (region % 8));
+        if (allocated) c.bitmap[12 + region / 8] |= bit;
+        else c.bitmap[12 + region / 8] &= uint8_t(~bit);
+        std::memset(c.bitmap.data() + 8, 0, 4);
+        putBE(c.bitmap.data() + 8, independent::crc(c.bitmap.data(), c.bitmap.size()));
+        writeRaw(slot, headerLba + 1, c.bitmap);
+    }
+    static void putBE(uint8_t* p, uint32_t v) {
+        p[0] = uint8_t(v >> 24);
+        p[1] = uint8_t(v >> 16);
+        p[2] = uint8_t(v >> 8);
+        p[3] = uint8_t(v);
+    }
+
+    static std::vector<uint8_t> pattern(uint32_t bytes, uint32_t seed) {
+        std::vector<uint8_t> v(bytes);
+        for (uint32_t i = 0; i < bytes; ++i) v[i] = uint8_t((i * 131 + seed * 7 + (i >> 9)) ^ (seed >> 3));
+        return v;
+    }
+    static DataWindow windowOf(const std::vector<uint8_t>& bytes) {
+        DataWindow w(uint32_t(bytes.size()), 0, uint32_t(bytes.size()));
+        DataBuffer b{uint32_t(bytes.size()), const_cast<uint8_t*>(bytes.data())};
+        w.Write(b);
+        return w;
+    }
+    static std::vector<uint8_t> bytesOf(const DataWindow& w) {
+        std::vector<uint8_t> v(w.GetLength());
+        DataBuffer b{uint32_t(v.size()), v.data()};
+        w.Read(b);
+        return v;
+    }
+};
