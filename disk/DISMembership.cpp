@@ -51,7 +51,9 @@ StatusCode DIS::addLogicalDisk(LogicalDiskContainer* c) {
         c->rmLba[0] = lba0;
         c->rmLba[1] = lba1;
         c->regionFoundNew = isNew;
-        DiskLBAMetaDataTracker::GetInstance()->ClearSet(c->slot);
+        // The sector cache of the disk is kept: the Region metadata just
+        // written may be committed to the journal and not yet on the disk,
+        // and the cache holds the only readable copy until the spill.
         return StatusCode::Success;
     }
     postEvent("DPM::addLogicalDisk: RM failed install or load on new disk in slot " + std::to_string(c->slot) +
@@ -93,7 +95,7 @@ bool DIS::packViable(bool& updateNeeded) {
         dpm->setNotLoadedReason(DiskPackManager::kNotCompatible);
         return false;
     }
-    sm->bootCheckpoint("READ-ONLY load complete", false);
+    dpm->bootCheckpoint("READ-ONLY load complete");
     unsigned numDisks = 0, missing = 0, critMissing = 0;
     IOTracker tracker(READ_ONLY);
     for (unsigned ld = 0; ld < maxLogicalDisks; ++ld) {
@@ -107,7 +109,7 @@ bool DIS::packViable(bool& updateNeeded) {
         }
     }
     tracker.commitIfDirty();
-    sm->bootCheckpoint("LD critical check complete", false);
+    dpm->bootCheckpoint("LD critical check complete");
     bool viable = true;
     if (critMissing > 0) {
         viable = false;

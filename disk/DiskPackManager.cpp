@@ -103,6 +103,24 @@ void DiskPackManager::resetForTest() {
     mLastRemovedLD = mResyncNewLD = kNoLd;
 }
 
+StatusCode DiskPackManager::attachDiskForTest(uint16_t slot, uint16_t& ld) {
+    if (!DiskManager::GetInstance()->DriveIsReady(slot)) return StatusCode::DiskNotPresent;
+    ExtendingLockObject::ExclusiveLockInstance g(&mDis.globalDISLock);
+    if (mDis.containerInSlot(slot)) return StatusCode::RM_DiskExists;
+    unsigned n = 0;
+    while (n < maxLogicalDisks && mDis.hasLd(n)) ++n;
+    if (n == maxLogicalDisks) return StatusCode::NoMoreLogicalDisks;
+    auto* c = new DIS::LogicalDiskContainer;
+    c->slot = slot;
+    c->setRanges(DiskManager::GetInstance()->GetDriveCapacity(slot));
+    c->ldNumber = uint16_t(n);
+    c->ldBitmap = 1u << n;
+    mDis.logicalDisks |= c->ldBitmap;
+    mDis.setContainer(n, c);
+    ld = uint16_t(n);
+    return StatusCode::Success;
+}
+
 // ---- names
 
 void DiskPackManager::getDiskPackName(char* buffer, int length) {
@@ -137,14 +155,19 @@ StatusCode DiskPackManager::slotOf(uint16_t ld, uint16_t& slot) {
     return StatusCode::Success;
 }
 
+// Before the commit point the mapping is the candidate's: it is given while a
+// load is under way (the Region layer checks each member's metadata then) and
+// refused when no pack is loading or loaded.
+bool DiskPackManager::mappingValid() const { return mLoadPastCommitPoint || mDiskPackLoading || mDiskPackLoaded; }
+
 StatusCode DiskPackManager::getSlotNum(uint16_t ld, uint16_t& slot) {
-    if (!mLoadPastCommitPoint) return StatusCode::DiskPackNotLoaded;
+    if (!mappingValid()) return StatusCode::DiskPackNotLoaded;
     ExtendingLockObject::SharedLockInstance g(&mDis.globalDISLock);
     return slotOf(ld, slot);
 }
 
 StatusCode DiskPackManager::getLdNum(uint16_t slot, uint16_t& ld) {
-    if (!mLoadPastCommitPoint) return StatusCode::DiskPackNotLoaded;
+    if (!mappingValid()) return StatusCode::DiskPackNotLoaded;
     ExtendingLockObject::SharedLockInstance g(&mDis.globalDISLock);
     DIS::LogicalDiskContainer* c = mDis.containerInSlot(slot);
     if (!c) return StatusCode::DiskNotPresent;

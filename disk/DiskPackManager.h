@@ -84,8 +84,8 @@ public:
     StatusCode setDiskPackName(const char* name);
     uint32_t generation() const { return mDis.generation; }
 
-    // LD and slot. DiskPackNotLoaded before the commit point, DiskNotPresent
-    // when the LD has no disk present.
+    // LD and slot. DiskPackNotLoaded when no pack is loading or loaded,
+    // DiskNotPresent when the LD has no disk present.
     StatusCode getSlotNum(uint16_t ld, uint16_t& slot);
     StatusCode getLdNum(uint16_t slot, uint16_t& ld);
     // Bitmap of the LDs present now (bit n = LD n).
@@ -155,8 +155,14 @@ public:
     // are left out. Null restores the system's own.
     void setSecondStageForTest(bool (*stage)()) { mSecondStage = stage; }
     bool systemStagesReplaced() const { return mSecondStage != nullptr; }
+    // A boot checkpoint of the load (none in unit tests: the LED bar is the boot's).
+    void bootCheckpoint(const char* what);
     // Back to the state of a fresh process (tests).
     void resetForTest();
+    // Gives the ready disk in `slot` the lowest free LD number and nothing
+    // else: no Region metadata, no DIS write (tests of the Region layer that
+    // install the disk themselves).
+    StatusCode attachDiskForTest(uint16_t slot, uint16_t& ld);
 
     void Dump(std::ostream& out);
     void PerfInfo(std::ostream& out);
@@ -164,6 +170,7 @@ public:
 private:
     DiskPackManager() = default;
     static void doDpmEvent(EVENT_TYPE type, void* context, unsigned long value, void*);
+    bool mappingValid() const;
     // With "eGlobalDIS" held in either mode.
     StatusCode slotOf(uint16_t ld, uint16_t& slot);
     StatusCode parallel(bool write, _IORequest* requests, unsigned count, IOTracker& tracker);

@@ -39,8 +39,11 @@ std::string sizeText(uint64_t sectors) {
     os << (sectors * 512 / 1000000000ull) << "GB";
     return os.str();
 }
-void checkpoint(const char* what) { SystemManager::GetInstance()->bootCheckpoint(what, false); }
 }  // namespace
+
+void DiskPackManager::bootCheckpoint(const char* what) {
+    if (!systemStagesReplaced()) SystemManager::GetInstance()->bootCheckpoint(what, false);
+}
 
 void DiskPackManager::refuse(uint16_t slot, const std::string& text) {
     postEvent(text);
@@ -406,11 +409,11 @@ StatusCode DiskPackManager::doColdStart(bool clearDisk) {
     mNotLoadedReason = kNoSpecificError;
     DiskMap diskMap = readyDisks();
     for (auto& [slot, id] : diskMap) DiskLBAMetaDataTracker::GetInstance()->ClearSet(uint32_t(slot));
-    checkpoint("DLBAT flushed");
+    bootCheckpoint("DLBAT flushed");
     mCandidates.clear();
     mAvailable.clear();
     discoverAllDisRecords(diskMap, clearDisk);
-    checkpoint("DIS discovery complete");
+    bootCheckpoint("DIS discovery complete");
     if (mCandidates.empty() && mAvailable.empty()) {
         postEvent("DPM::doColdStart: NO DISKS FOUND DURING PACK DISCOVERY");
         mDiskPackLoading = false;
@@ -419,7 +422,7 @@ StatusCode DiskPackManager::doColdStart(bool clearDisk) {
         return StatusCode::DiskPackNotLoaded;
     }
     created = chooseCandidatePack(diskMap, clearDisk);
-    checkpoint("Candidate pack chosen for load");
+    bootCheckpoint("Candidate pack chosen for load");
     if (!created && (!understandLayout() || !mDis.packViable(updateNeeded))) {
         postEvent("DPM::doColdStart: NO LOADABLE DISK PACK FOUND");
         mAvailable.clear();

@@ -94,7 +94,7 @@ TEST_F(PackCreate, BlankDisksOfMixedSizesBecomeOnePack) {
     EXPECT_EQ(dpm()->getLdNum(2, none), StatusCode::DiskNotPresent);
 }
 
-TEST_F(PackCreate, MappingAnswersNothingBeforeTheCommitPoint) {
+TEST_F(PackCreate, MappingAnswersNothingBeforeALoad) {
     loadDisks({"1G"});
     uint16_t ld = 0, slot = 0;
     EXPECT_EQ(dpm()->getLdNum(0, ld), StatusCode::DiskPackNotLoaded);
