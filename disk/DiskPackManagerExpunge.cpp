@@ -247,18 +247,19 @@ StatusCode DiskPackManager::hotPlug(uint16_t slot, int op) {
                   " WAS CRITICAL, isCritical = TRUE");
         sm->nonViableDiskPack("DPM");
     }
+    const DiskIdentifier* id = DiskManager::GetInstance()->GetDiskWWN(slot);
     {
-        const DiskIdentifier* id = DiskManager::GetInstance()->GetDiskWWN(slot);
         ExtendingLockObject::ExclusiveLockInstance g(&mDis.globalDISLock);
         mDis.flags |= DIS_UPDATE_GLOBAL;
-        mDis.globalDISLock.LockRelease();
-        StatusCode removed = mDis.removeDiskInSlot(slot);
-        mDis.globalDISLock.LockExclusive();
-        if (removed != StatusCode::Success) {
-            postEvent("DPM::hotplug: NO DISK IN SLOT " + std::to_string(slot) + " during " +
-                      (op == REMOVE ? "REMOVE" : op == POWER_CYCLE ? "POWER CYCLE" : "EXPUNGE"));
-            return removed;
-        }
+    }
+    if (StatusCode removed = mDis.removeDiskInSlot(slot); removed != StatusCode::Success) {
+        postEvent("DPM::hotplug: NO DISK IN SLOT " + std::to_string(slot) + " during " +
+                  (op == REMOVE ? "REMOVE" : op == POWER_CYCLE ? "POWER CYCLE" : "EXPUNGE"));
+        return removed;
+    }
+    {
+        // Remembered, for a quick resynchronisation if the disk comes back.
+        ExtendingLockObject::ExclusiveLockInstance g(&mDis.globalDISLock);
         mResyncAvailable = false;
         if (id) mLastRemovedWWN = *id;
         mLastRemovedLD = ld;

@@ -16,6 +16,7 @@
 #include "cache/DiskLBAMetaDataTracker.h"
 #include "disk/DiskPackManager.h"
 #include "disk/DiskTestFixture.h"
+#include "region/RegionManager.h"
 #include "tests/support/IndependentReader.h"
 
 // Board time runs ten times faster than real time while it lives: a pack load
@@ -53,6 +54,8 @@ protected:
     }
 
     void resetPack() {
+        // The Region layer's disks were made by the pack's load: they go with it.
+        RegionManager::GetInstance()->UnloadDiskPack();
         dpm()->resetForTest();
         dpm()->setSecondStageForTest(&PackTestFixture::quickSecondStage);
         for (uint32_t s = 0; s < uint32_t(DiskManager::kSlots); ++s) DiskLBAMetaDataTracker::GetInstance()->ClearSet(s);
