@@ -191,3 +191,25 @@ TEST(PackSystem, PowerCutInTheMiddleOfAPackWideWriteLeavesEveryDiskAtTheOldGener
         }
     }
 }
+
+TEST(PackSystem, ExpungedDiskIsRefusedAtTheNextStartAndThePackLoadsWithoutIt) {
+    TestBoard board;
+    createDisks(board, "1G,1G,1G");
+    {
+        EsaProcess esa(board.dir().string());
+        ASSERT_TRUE(esa.waitForConsole()) << esa.output();
+        EXPECT_EQ(esa.console("expungeDisk 1 worn out").rc, 0);
+        EXPECT_TRUE(esa.waitForOutput("SM: expunge physical disk 1 (logical disk 1)")) << esa.output();
+        esa.console("j2flush");
+        esa.kill9();
+    }
+    for (const auto& c : liveCopies(img(board, 1))) {
+        EXPECT_TRUE(c.dis.flags & 0x80000000u) << "DIS_EXPUNGED";
+        EXPECT_EQ(c.dis.expungeReason, "worn out");
+    }
+    EXPECT_EQ(liveCopies(img(board, 0))[0].dis.generation, 2u);
+    std::string out = runOnce(board, {"state DPM"});
+    EXPECT_NE(out.find("Refusing EXPUNGED slot 1 [worn out]"), std::string::npos) << out;
+    EXPECT_NE(out.find("DISK PACK IS LOADED"), std::string::npos) << out;
+    EXPECT_NE(out.find("LD #1 MISSING"), std::string::npos) << out;
+}
