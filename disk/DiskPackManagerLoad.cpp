@@ -60,7 +60,6 @@ StatusCode DiskPackManager::findDisInRange(DIS::LogicalDiskContainer& c, unsigne
     alignas(32) uint8_t sector[DisLayout::kSectorSize];
     unsigned failed = 0, scanned = 0;
     std::optional<DisSector> found;
-    uint32_t foundLba = 0;
     StatusCode last = StatusCode::Success;
     for (uint32_t lba = c.disLba[index]; lba <= c.rangeEnd[index]; ++lba) {
         ++scanned;
@@ -103,7 +102,6 @@ StatusCode DiskPackManager::findDisInRange(DIS::LogicalDiskContainer& c, unsigne
             continue;
         }
         found = s;
-        foundLba = lba;
     }
     tracker.commitIfDirty();
     if (scanned != 0 && failed == scanned) {
@@ -114,7 +112,6 @@ StatusCode DiskPackManager::findDisInRange(DIS::LogicalDiskContainer& c, unsigne
         best = nullptr;
         return last == StatusCode::Success ? StatusCode::DiskNotPresent : last;
     }
-    (void)foundLba;
     best = new DIS;
     best->takeGlobal(*found);
     // The record's local part travels in a container of its own.
@@ -131,13 +128,9 @@ DIS* DiskPackManager::discoverDis(uint16_t slot, DIS::LogicalDiskContainer*& con
     container = c;
     DIS* found[DIS::kCopies] = {};
     DIS* best = nullptr;
-    unsigned bestRange = 0;
     for (unsigned i = 0; i < DIS::kCopies; ++i) {
         findDisInRange(*c, i, found[i]);
-        if (found[i] && (!best || found[i]->container(0)->iteration > best->container(0)->iteration)) {
-            best = found[i];
-            bestRange = i;
-        }
+        if (found[i] && (!best || found[i]->container(0)->iteration > best->container(0)->iteration)) best = found[i];
     }
     uint32_t bad = 0;
     if (best) {
@@ -145,7 +138,6 @@ DIS* DiskPackManager::discoverDis(uint16_t slot, DIS::LogicalDiskContainer*& con
         for (unsigned i = 0; i < DIS::kCopies; ++i)
             if (!found[i] || found[i]->container(0)->iteration < best->container(0)->iteration) bad |= DIS0_BAD << i;
     }
-    (void)bestRange;
     const uint32_t rangeBad = c->flags & DIS_RANGE_BAD_MASK;
     DIS* result = nullptr;
     if (!best) {
