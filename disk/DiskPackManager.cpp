@@ -314,7 +314,8 @@ StatusCode DiskPackManager::writeThroughCache(unsigned char* buffer, uint32_t se
         ExtendingLockObject::SharedLockInstance g(&mDis.globalDISLock);
         if (StatusCode st = slotOf(ld, slot); st != StatusCode::Success) return st;
     }
-    return DiskLBAMetaDataTracker::GetInstance()->WriteThroughCache(buffer, sectors, slot, lba, false, tracker);
+    // Whole sectors: nothing to read first.
+    return DiskLBAMetaDataTracker::GetInstance()->WriteThroughCache(buffer, sectors, slot, lba, true, tracker);
 }
 
 StatusCode DiskPackManager::flush(uint16_t ld) {
