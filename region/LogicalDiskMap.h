@@ -18,12 +18,13 @@ struct LogicalDiskMap {
     ExtendingLockObject lock;  // held for changes of this disk's bitmap, to the transaction's commit
     RMMetadataHeader header;
     RMBitmap bitmap;
-    uint32_t capacity = 0;     // "DiskCapacity (LBA)"
+    uint32_t capacity = 0;  // "DiskCapacity (LBA)"
     uint32_t freeRegions = 0;
     uint32_t firstFree = 0;    // "FirstFree Region": user allocation cursor
     uint32_t firstFreeMD = 0;  // "FirstFreeMD Region": metadata allocation cursor
     uint32_t rmLba[2] = {0, 0};
     bool present = false;
+    int lastFailedCopy = -1;  // the copy whose write failed in the last metadata write, or -1
 
     uint32_t regionSectors() const { return header.regionSectors(); }
     uint32_t stride() const { return header.regionSectors() + header.padding; }

@@ -164,8 +164,9 @@ StatusCode RegionManager::rewriteRecoveryBlock(uint16_t ld, uint32_t region, con
 }
 
 StatusCode RegionManager::InvalidateRecoveryBlock(uint16_t ld, uint32_t region, IOTracker& tracker) {
-    return rewriteRecoveryBlock(ld, region, "InvalidateRecoveryBlock", tracker,
-                                [](uint8_t* s, const void*) { std::memset(s + kCrcOffset, 0, 4); }, nullptr);
+    return rewriteRecoveryBlock(
+        ld, region, "InvalidateRecoveryBlock", tracker,
+        [](uint8_t* s, const void*) { std::memset(s + kCrcOffset, 0, 4); }, nullptr);
 }
 
 StatusCode RegionManager::SetZoneOwnership(uint16_t ld, uint32_t region, const _ZoneOwnership& ownership,
@@ -207,8 +208,8 @@ StatusCode RegionManager::IncrementRecoveryGeneration(IOTracker& tracker) {
         m->header.recoveryGeneration = generation;
         StatusCode st = WriteRMMD(*m, 0, 0, tracker, false);
         if (st != StatusCode::Success) {
-            ESA_CONSOLE("RM::IncrementRecoveryGeneration: LD #" << m->ld << " - error setting RecoveryGeneration number: "
-                                                                << st);
+            ESA_CONSOLE("RM::IncrementRecoveryGeneration: LD #"
+                        << m->ld << " - error setting RecoveryGeneration number: " << st);
             result = st;
         }
     }
@@ -228,12 +229,15 @@ void RegionManager::FindRecoveryBlocks(uint32_t regionSize, std::ostream& out) {
             out << "FindRecoveryBlocks: Found possible RecoveryBlock on LD#" << ld << " at LBA " << lba << "\n";
             RecoveryBlock b = decode(s);
             uint32_t expected = expectedCrc(s);
-            if (b.crc == expected) out << "FindRecoveryBlocks: Checksum validation PASSED\n";
+            if (b.crc == expected)
+                out << "FindRecoveryBlocks: Checksum validation PASSED\n";
             else
                 out << "FindRecoveryBlocks: Checksum validation FAILED (expected = 0x" << std::hex << expected
                     << ", actual = 0x" << b.crc << std::dec << ")\n";
-            if (b.version == kVersion) print(b, out);
-            else out << "Unsupported RecoveryBlock version number = " << b.version << "\n";
+            if (b.version == kVersion)
+                print(b, out);
+            else
+                out << "Unsupported RecoveryBlock version number = " << b.version << "\n";
         };
         if (regionSize != 0 && regionSize != 512) {
             uint32_t rlba = regionSize / 512, stride = rlba + 1;

@@ -181,7 +181,8 @@ TEST_F(RecoveryBlockTest, TheScanAndTheConsoleShowWhatIsOnTheDisks) {
     ASSERT_EQ(ConsoleCommand::ExecuteLine("rmdump 0 0 1152 1", dump), 0);
     EXPECT_NE(dump.str().find("52 4d 4d 44"), std::string::npos) << dump.str();  // "RMMD" at LBA 0x480
     std::ostringstream padding;
-    ASSERT_EQ(ConsoleCommand::ExecuteLine("rmdump 0 " + std::to_string(r[0]) + " " + std::to_string(kRlba), padding), 0);
+    ASSERT_EQ(ConsoleCommand::ExecuteLine("rmdump 0 " + std::to_string(r[0]) + " " + std::to_string(kRlba), padding),
+              0);
     EXPECT_NE(padding.str().find(": 4f 43 45 52"), std::string::npos) << padding.str();  // the block's magic
     std::ostringstream past;
     EXPECT_NE(ConsoleCommand::ExecuteLine("rmdump 0 0 4294967000 2", past), 0);

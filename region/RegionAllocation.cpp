@@ -29,8 +29,8 @@ StatusCode RegionManager::AllocateRegions(uint16_t ld, uint32_t count, uint32_t*
     if (count == 0) return StatusCode::Success;
     // Shortage is found before anything changes: never half an allocation.
     if (m->freeRegions < count) {
-        ESA_TRACE(tRM, "RM::AllocateRegions: LD #" << ld << " has " << m->freeRegions << " free, " << count
-                                                   << " asked");
+        ESA_TRACE(tRM,
+                  "RM::AllocateRegions: LD #" << ld << " has " << m->freeRegions << " free, " << count << " asked");
         return StatusCode::RM_NotEnoughFree;
     }
     uint32_t& cursor = metadata ? m->firstFreeMD : m->firstFree;
@@ -182,8 +182,8 @@ StatusCode RegionManager::SetMetaData(unsigned instance, uint16_t ld, uint32_t r
         if (st != StatusCode::Success) {
             m->header.saved[instance] = old;
             RestoreOnDisk(*m, tracker);
-            ESA_CONSOLE("RM::SetMetadata: Save MD# " << instance << " failed for logical disk " << m->ld << ": "
-                                                     << st << ". Continuing!");
+            ESA_CONSOLE("RM::SetMetadata: Save MD# " << instance << " failed for logical disk " << m->ld << ": " << st
+                                                     << ". Continuing!");
             result = st;
         }
     }

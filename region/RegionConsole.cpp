@@ -82,8 +82,8 @@ StatusCode RegionManager::internalConsistencyCheck(std::ostream& out) {
         uint32_t used = 0;
         for (uint32_t r = 0; r < m->regions(); ++r) used += m->bitmap.allocated(r);
         if (m->regions() - used != m->freeRegions) {
-            out << "LD #" << m->ld << ": free count " << m->freeRegions << " but the bitmap has "
-                << m->regions() - used << " free Regions\n";
+            out << "LD #" << m->ld << ": free count " << m->freeRegions << " but the bitmap has " << m->regions() - used
+                << " free Regions\n";
             result = StatusCode::InternalError;
         }
         if (!m->bitmap.allocated(0)) {

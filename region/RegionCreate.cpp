@@ -74,10 +74,9 @@ StatusCode RegionManager::CreateDisk(uint16_t ld, uint32_t& lba0, uint32_t& lba1
     uint32_t reserved = MarkReservedRegions(*m, true);
     h.unavailableRegions = reserved;
     m->freeRegions = layout.regions - reserved;
-    ESA_TRACE(tRM, "RM::CreateDisk: RM Metadata locations: RN:Off = " << lba0 / layout.stride() << ":"
-                                                                      << lba0 % layout.stride() << ", "
-                                                                      << lba1 / layout.stride() << ":"
-                                                                      << lba1 % layout.stride());
+    ESA_TRACE(tRM, "RM::CreateDisk: RM Metadata locations: RN:Off = "
+                       << lba0 / layout.stride() << ":" << lba0 % layout.stride() << ", " << lba1 / layout.stride()
+                       << ":" << lba1 % layout.stride());
     ESA_TRACE(tRM, "RM::CreateDisk: DPM Metadata locations: RN:Off = "
                        << ranges[0].first / layout.stride() << ":" << ranges[0].first % layout.stride() << ", "
                        << ranges[1].first / layout.stride() << ":" << ranges[1].first % layout.stride() << ", "
@@ -121,7 +120,8 @@ uint32_t RegionManager::MarkReservedRegions(LogicalDiskMap& m, bool trace) {
         if (m.bitmap.allocated(r)) continue;
         m.bitmap.set(r, true);
         ++marked;
-        if (trace) ESA_TRACE(tRM, "RM::CreateDisk: LD #" << m.ld << " Marked region " << r << " as allocated.");
+        if (trace)
+            ESA_TRACE(tRM, "RM::CreateDisk: LD #" << m.ld << " Marked region " << r << " as allocated.");
         else
             ESA_CONSOLE("RM::FindFirstFreeRegion: LD #" << m.ld << " DPM Metadata location " << r
                                                         << " not marked allocated. Fixing.");
@@ -135,7 +135,8 @@ void RegionManager::FindFirstFreeRegion(LogicalDiskMap& m) {
     m.firstFree = 0;
     bool found = false;
     for (uint32_t r = 0; r < m.regions(); ++r) {
-        if (m.bitmap.allocated(r)) ++used;
+        if (m.bitmap.allocated(r))
+            ++used;
         else if (!found) {
             m.firstFree = r;
             found = true;

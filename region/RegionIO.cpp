@@ -29,7 +29,8 @@ StatusCode RegionManager::checkRegionIO(LogicalDiskMap* m, uint32_t region, uint
 StatusCode RegionManager::regionIO(bool write, uint16_t ld, uint32_t region, uint32_t offset, DataWindow& window,
                                    IOTracker& tracker) {
     ExtendingLockObject::SharedLockInstance g(&mMapLock, tracker);
-    int point = tracker.isMeta() ? (write ? mMetaWritePoint : mMetaReadPoint) : (write ? mUserWritePoint : mUserReadPoint);
+    int point =
+        tracker.isMeta() ? (write ? mMetaWritePoint : mMetaReadPoint) : (write ? mUserWritePoint : mUserReadPoint);
     mInjection.ioErrorInject(point, tracker);
     if (write && !mReadWrite) {
         ESA_TRACE(tRM, "RM::WriteData: LD #" << ld << ". Read Only Mode!");

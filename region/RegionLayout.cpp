@@ -16,7 +16,11 @@ RegionLayout::Range RegionLayout::guarded(unsigned i) const {
 
 RegionLayout::RegionLayout(uint32_t cap, uint32_t rlba, uint32_t pad, const std::array<Range, 3>& ranges,
                            uint32_t bitmapSectors)
-    : capacity(cap), regionSectors(rlba), padding(pad), dis(ranges), regions(regionCountFor(cap, rlba, pad)),
+    : capacity(cap),
+      regionSectors(rlba),
+      padding(pad),
+      dis(ranges),
+      regions(regionCountFor(cap, rlba, pad)),
       copySectors(1 + bitmapSectors) {}
 
 RegionLayout RegionLayout::forCapacity(uint32_t cap, uint32_t rlba, uint32_t pad, const std::array<Range, 3>& ranges) {

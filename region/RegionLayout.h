@@ -32,8 +32,8 @@ struct RegionLayout {
 
     uint32_t capacity, regionSectors, padding;
     std::array<Range, 3> dis;
-    uint32_t regions;        // Physical Regions, the last possibly partial
-    uint32_t copySectors;    // header + bitmap area
+    uint32_t regions;      // Physical Regions, the last possibly partial
+    uint32_t copySectors;  // header + bitmap area
 
     uint32_t stride() const { return regionSectors + padding; }
     uint32_t regionOf(uint32_t lba) const { return lba / stride(); }

@@ -52,8 +52,7 @@ void expectSoundPlacement(uint32_t capacity, uint32_t rlba) {
 TEST(RegionLayout, DefaultRegionsHoldTheMetadataOnEveryDiskSizeFromTensOfGiBTo2TiB) {
     for (uint64_t gib = 10; gib <= 2048; gib += 13) {
         uint64_t sectors = std::min<uint64_t>(gib << 21, 0xFFFFFFFFull);
-        for (uint32_t wobble : {0u, 1u, 0x7777u, 0x15540u})
-            expectSoundPlacement(uint32_t(sectors - wobble), kRlba);
+        for (uint32_t wobble : {0u, 1u, 0x7777u, 0x15540u}) expectSoundPlacement(uint32_t(sectors - wobble), kRlba);
     }
     expectSoundPlacement(0xFFFFFFFFu, kRlba);
 }
@@ -127,7 +126,7 @@ TEST(RegionLayout, ScaleFactorsAreTakenOnlyWhereEveryZoneGeometryHolds) {
     EXPECT_TRUE(RegionManager::ScaleFactorUsable(2, why)) << why;
     EXPECT_FALSE(RegionManager::ScaleFactorUsable(3, why));
     EXPECT_TRUE(RegionManager::ScaleFactorUsable(14, why)) << why;
-    EXPECT_FALSE(RegionManager::ScaleFactorUsable(4, why));   // cuts superstripe lines of a DRStripe type
+    EXPECT_FALSE(RegionManager::ScaleFactorUsable(4, why));  // cuts superstripe lines of a DRStripe type
     EXPECT_NE(why.find("DRStripe"), std::string::npos) << why;
     EXPECT_FALSE(RegionManager::ScaleFactorUsable(16, why));  // not whole stripe blocks
     EXPECT_FALSE(RegionManager::ScaleFactorUsable(18, why));  // does not divide the Region

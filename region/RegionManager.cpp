@@ -81,7 +81,7 @@ StatusCode RegionManager::Initialize() {
             ESA_CONSOLE(">>>> RM::Initialize: Invalid regionScaleFactor: " << factor);
         } else if (!ScaleFactorUsable(factor, why)) {
             ESA_CONSOLE(">>>> RM::Initialize: Invalid regionScaleFactor: " << factor << " (" << why
-                                                                             << "); the default Region size stands");
+                                                                           << "); the default Region size stands");
         } else {
             mNewPackRegionBytes = uint32_t(RMLayout::kDefaultRegionBytes / factor);
             ESA_CONSOLE("RM::Initialize: regionScaleFactor " << factor << " gives new packs Regions of "
@@ -116,24 +116,37 @@ uint32_t RegionManager::PhysicalRegions(uint16_t ld) {
     return m ? m->regions() : 0;
 }
 
-StatusCode RegionManager::slotOf(uint16_t ld, uint16_t& slot) { return DiskPackManager::GetInstance()->getSlotNum(ld, slot); }
+// Metadata sectors go through the pack's sector cache ("dlbat"): within a
+// transaction a write joins its journal set. The pack layer offers sector I/O
+// by LD, which works before its commit point too (a disk is created and
+// checked while the pack is being chosen); where it does not offer it yet,
+// the LD's slot is asked for and the cache is used directly.
+namespace {
+template <class Pack>
+StatusCode metadataIO(Pack* dpm, bool write, uint16_t ld, uint8_t* buffer, uint32_t sectors, uint32_t lba,
+                      IOTracker& tracker) {
+    if constexpr (requires(Pack * p) { p->writeThroughCache(buffer, sectors, ld, lba, tracker); }) {
+        return write ? dpm->writeThroughCache(buffer, sectors, ld, lba, tracker)
+                     : dpm->readThroughCache(buffer, sectors, ld, lba, tracker);
+    } else {
+        uint16_t slot = 0;
+        StatusCode st = dpm->getSlotNum(ld, slot);
+        if (st != StatusCode::Success) return st;
+        DiskLBAMetaDataTracker* cache = DiskLBAMetaDataTracker::GetInstance();
+        return write ? cache->WriteThroughCache(buffer, sectors, slot, lba, true, tracker)
+                     : cache->ReadThroughCache(buffer, sectors, slot, lba, tracker);
+    }
+}
+}  // namespace
 
-// Metadata sectors go through the pack's sector cache ("dlbat", set = slot):
-// within a transaction a write joins its journal set.
 StatusCode RegionManager::readSectors(uint16_t ld, uint8_t* buffer, uint32_t sectors, uint32_t lba,
                                       IOTracker& tracker) {
-    uint16_t slot = 0;
-    StatusCode st = slotOf(ld, slot);
-    if (st != StatusCode::Success) return st;
-    return DiskLBAMetaDataTracker::GetInstance()->ReadThroughCache(buffer, sectors, slot, lba, tracker);
+    return metadataIO(DiskPackManager::GetInstance(), false, ld, buffer, sectors, lba, tracker);
 }
 
 StatusCode RegionManager::writeSectors(uint16_t ld, uint8_t* buffer, uint32_t sectors, uint32_t lba,
                                        IOTracker& tracker) {
-    uint16_t slot = 0;
-    StatusCode st = slotOf(ld, slot);
-    if (st != StatusCode::Success) return st;
-    return DiskLBAMetaDataTracker::GetInstance()->WriteThroughCache(buffer, sectors, slot, lba, true, tracker);
+    return metadataIO(DiskPackManager::GetInstance(), true, ld, buffer, sectors, lba, tracker);
 }
 
 StatusCode RegionManager::GetLBA(uint32_t& lba, uint16_t ld, uint32_t offset, uint32_t region) {

@@ -23,12 +23,14 @@
 #include "include/IORequest.h"
 #include "include/ManagerBase.h"
 #include "region/LogicalDiskMap.h"
-#include "region/RegionLayout.h"
 #include "region/RecoveryBlock.h"
+#include "region/RegionLayout.h"
 #include "util/DataWindow.h"
 #include "util/ErrorInjection/ErrorInjection.h"
 #include "util/ExtendingLockObject.h"
 #include "util/IOTracker.h"
+
+struct FoundCopy;
 
 class RegionManager : public ManagerBase {
 public:
@@ -125,21 +127,19 @@ private:
     StatusCode ReadRMMD(uint16_t ld, LogicalDiskMap& map, bool allowRepair);
     StatusCode ReadRMMDn(uint16_t ld, uint32_t lba, LogicalDiskMap& map);
     void FindCopy(uint16_t ld, unsigned copy, uint32_t capacity, const std::array<RegionLayout::Range, 3>& ranges,
-                  const LogicalDiskMap* other, LogicalDiskMap& best, struct FoundCopy& found);
+                  const LogicalDiskMap* other, LogicalDiskMap& best, FoundCopy& found);
     uint32_t LastCopyPlace(uint16_t ld, unsigned copy, const RegionLayout& layout);
-    StatusCode WriteRMMD(LogicalDiskMap& map, uint32_t bitmapStartSector, uint32_t bitmapSectors,
-                         IOTracker& tracker, bool force);
+    StatusCode WriteRMMD(LogicalDiskMap& map, uint32_t bitmapStartSector, uint32_t bitmapSectors, IOTracker& tracker,
+                         bool force);
     void RestoreOnDisk(LogicalDiskMap& map, IOTracker& tracker);
     StatusCode WriteBitmapChange(LogicalDiskMap& map, uint32_t lowRegion, uint32_t highRegion, IOTracker& tracker);
     void FindFirstFreeRegion(LogicalDiskMap& map);
     // Marks the Regions holding DIS ranges and metadata copies allocated; the
     // number newly marked.
     uint32_t MarkReservedRegions(LogicalDiskMap& map, bool trace);
-    StatusCode PlaceMetadata(LogicalDiskMap& map);
     void InsertLogicalDisk(std::unique_ptr<LogicalDiskMap> map);
     LogicalDiskMap* map(uint16_t ld) const { return ld < kMaxLogicalDisks ? mMaps[ld].get() : nullptr; }
     LogicalDiskMap* firstLoaded() const;
-    StatusCode slotOf(uint16_t ld, uint16_t& slot);
     StatusCode readSectors(uint16_t ld, uint8_t* buffer, uint32_t sectors, uint32_t lba, IOTracker& tracker);
     StatusCode writeSectors(uint16_t ld, uint8_t* buffer, uint32_t sectors, uint32_t lba, IOTracker& tracker);
     StatusCode checkRegionIO(LogicalDiskMap* m, uint32_t region, uint32_t offset, uint32_t length, uint32_t& lba);
@@ -155,9 +155,9 @@ private:
     std::unique_ptr<LogicalDiskMap> mMaps[kMaxLogicalDisks];
     unsigned mDiskCount = 0;
     bool mReadWrite = false;
-    uint32_t mPadding = 1;          // the padding a new disk gets
-    uint32_t mRegionSectors = 0;    // the pack's Rlba; 0 until created or read
-    uint32_t mNewPackRegionBytes;   // default, or as "regionscalefactor" shrinks it
+    uint32_t mPadding = 1;         // the padding a new disk gets
+    uint32_t mRegionSectors = 0;   // the pack's Rlba; 0 until created or read
+    uint32_t mNewPackRegionBytes;  // default, or as "regionscalefactor" shrinks it
     bool mRecoverySpace = true;
     std::atomic<uint64_t> mRecoveryGeneration{0};
     std::atomic<uint64_t> mAllocations{0}, mFrees{0}, mMetadataWrites{0}, mRepairs{0}, mRelocations{0};

@@ -20,8 +20,9 @@ StatusCode RegionManager::LoadDiskInternal(uint16_t ld) {
         return StatusCode::RM_IncompatibleRegionSize;
     }
     if (first && m->header.saved[0].empty() && !first->header.saved[0].empty()) {
-        static const char* const kWhich[3] = {" setting 1st ZM metadata to logDisk: ", " setting 2nd ZM metadata to logDisk: ",
-                                              " setting 3rd ZM metadata to logDisk: "};
+        static const char* const kWhich[3] = {
+            " setting 1st ZM metadata to logDisk: ", " setting 2nd ZM metadata to logDisk: ",
+            " setting 3rd ZM metadata to logDisk: "};
         for (unsigned i = 0; i < 3; ++i) {
             m->header.saved[i] = first->header.saved[i];
             ESA_TRACE(tRM, "---- RM::LoadDiskInternal: " << kWhich[i] << m->header.saved[i].ld << " region "
@@ -168,14 +169,11 @@ StatusCode RegionManager::InternalLoadDiskPack(bool readWrite) {
     mRecoverySpace = first->header.padding != 0;
     for (auto& m : mMaps)
         if (m)
-            ESA_CONSOLE("RM::LoadDiskPack: Logical Disk: " << m->ld << " Total Regions: " << m->regions()
-                                                           << " Free Regions: " << m->freeRegions
-                                                           << " Saved Metadata: " << m->header.saved[0].ld << ":"
-                                                           << m->header.saved[0].region << " "
-                                                           << m->header.saved[1].ld << ":"
-                                                           << m->header.saved[1].region << " "
-                                                           << m->header.saved[2].ld << ":"
-                                                           << m->header.saved[2].region);
+            ESA_CONSOLE("RM::LoadDiskPack: Logical Disk: "
+                        << m->ld << " Total Regions: " << m->regions() << " Free Regions: " << m->freeRegions
+                        << " Saved Metadata: " << m->header.saved[0].ld << ":" << m->header.saved[0].region << " "
+                        << m->header.saved[1].ld << ":" << m->header.saved[1].region << " " << m->header.saved[2].ld
+                        << ":" << m->header.saved[2].region);
     return StatusCode::Success;
 }
 

@@ -6,8 +6,8 @@
 
 #include "disk/DisSector.h"
 #include "include/DrivePackInfo.h"
-#include "system/FlashConfigData.h"
 #include "region/RegionTestSupport.h"
+#include "system/FlashConfigData.h"
 
 namespace {
 constexpr uint32_t kRlba = 0x15540;  // the default Region, in sectors
@@ -44,8 +44,12 @@ TEST_F(RegionManagerTest, ANewPackCarriesTwoValidCopiesWithTheReservedRegionsAll
         EXPECT_EQ(c0.header.generation, c1.header.generation);
         EXPECT_EQ(c0.bitmap, c1.bitmap);
         // Region 0, the Regions of the three DIS ranges and of both copies, and the partial last.
-        std::set<uint32_t> reserved = {0, dis[1].first / kStride, (dis[1].end - 1) / kStride,
-                                       (dis[1].end + 0x400) / kStride, dis[2].first / kStride, regions - 1};
+        std::set<uint32_t> reserved = {0,
+                                       dis[1].first / kStride,
+                                       (dis[1].end - 1) / kStride,
+                                       (dis[1].end + 0x400) / kStride,
+                                       dis[2].first / kStride,
+                                       regions - 1};
         uint32_t allocated = 0;
         for (uint32_t r = 0; r < regions; ++r) {
             bool a = independent::rabmAllocated(c0.bitmap.data(), r);
@@ -103,8 +107,11 @@ TEST_F(RegionManagerTest, RegionIORoundTripsAtEveryBoundaryAndNeverTouchesThePad
     const uint32_t size = kRlba * 512;
     struct Piece {
         uint32_t region, offset, bytes;
-    } pieces[] = {{regions[0], 0, 4096}, {regions[0], size - 4096, 4096}, {regions[1], 0, 512},
-                  {regions[1], size - 512, 512}, {regions[2], size / 2, 65536}};
+    } pieces[] = {{regions[0], 0, 4096},
+                  {regions[0], size - 4096, 4096},
+                  {regions[1], 0, 512},
+                  {regions[1], size - 512, 512},
+                  {regions[2], size / 2, 65536}};
     uint32_t seed = 1;
     for (const Piece& p : pieces) {
         auto data = pattern(p.bytes, seed++);
@@ -436,8 +443,7 @@ TEST_F(RegionManagerTest, DisksThatNameDifferentZoneTablesRefuseThePackAndAnEmpt
     uint32_t lba1 = disRangesFor(uint32_t(dm()->GetDriveCapacity(2)))[1].end + 0x400;
 
     // Disk 2 forgets its saved slots: it is brought into line at the load.
-    for (uint32_t lba : {0x480u, lba1})
-        patchHeader(2, lba, [](uint8_t* s) { std::memset(s + 0x20, 0, 0x20); });
+    for (uint32_t lba : {0x480u, lba1}) patchHeader(2, lba, [](uint8_t* s) { std::memset(s + 0x20, 0, 0x20); });
     ASSERT_EQ(reload(), StatusCode::Success);
     for (uint32_t lba : {0x480u, lba1}) {
         Copy c = readCopy(2, lba);
@@ -450,8 +456,7 @@ TEST_F(RegionManagerTest, DisksThatNameDifferentZoneTablesRefuseThePackAndAnEmpt
     testing::internal::CaptureStdout();
     EXPECT_EQ(reload(), StatusCode::RM_MetaDataBad);
     std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_NE(out.find("<<<< RM::LoadDiskPack too many sets of ZM metadata: 2. Bailing out"), std::string::npos)
-        << out;
+    EXPECT_NE(out.find("<<<< RM::LoadDiskPack too many sets of ZM metadata: 2. Bailing out"), std::string::npos) << out;
     EXPECT_FALSE(rm()->IsPresent(0));
 }
 
@@ -493,4 +498,39 @@ TEST_F(RegionManagerTest, ConcurrentTransactionsAllocateDistinctRegionsAndTheDis
     }
     std::ostringstream check;
     EXPECT_EQ(rm()->internalConsistencyCheck(check), StatusCode::Success) << check.str();
+}
+
+TEST_F(RegionScaleFactorTest, ADiskWithAnotherRegionSizeIsNotTakenIntoThePack) {
+    makePack({"20G", "20G"});
+    rm()->UnloadDiskPack();
+    initializeWith(14);
+    uint32_t lba0 = 0, lba1 = 0;
+    bool flag = false;
+    ASSERT_EQ(rm()->CreateDisk(1, lba0, lba1, flag), StatusCode::Success);
+    EXPECT_EQ(readCopy(1, lba0).header.regionSectors, kRlba / 14);
+    testing::internal::CaptureStdout();
+    EXPECT_NE(reload(), StatusCode::Success);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(out.find("does not match system region size " + std::to_string(kRlba)), std::string::npos) << out;
+    EXPECT_FALSE(rm()->IsPresent(0));
+}
+
+TEST_F(RegionManagerTest, AReadOnlyLoadLeavesDisagreeingSavedSlotsForTheFullLoadToMend) {
+    makePack({"20G", "20G"});
+    IOTracker t(READ_WRITE);
+    ASSERT_EQ(rm()->SetMetaData(0, 1, 300, t), StatusCode::Success);
+    ASSERT_EQ(rm()->SetMetaData(2, 0, 302, t), StatusCode::Success);
+    ASSERT_EQ(t.commit(), StatusCode::Success);
+    uint32_t lba1 = disRangesFor(uint32_t(dm()->GetDriveCapacity(1)))[1].end + 0x400;
+    // Disk 1 lost its tertiary slot only: one set, repairable.
+    for (uint32_t lba : {0x480u, lba1}) patchHeader(1, lba, [](uint8_t* s) { std::memset(s + 0x30, 0, 8); });
+    auto before = raw(1, 0x480);
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(reload(false), StatusCode::Success);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(out.find("ZM metadata repairable, but we are in ReadOnly mode. Bailing out"), std::string::npos) << out;
+    EXPECT_EQ(raw(1, 0x480), before);
+    ASSERT_EQ(reload(), StatusCode::Success);
+    EXPECT_EQ(readCopy(1, 0x480).header.savedRegion[2], 302u);
+    EXPECT_EQ(readCopy(1, lba1).header.savedRegion[2], 302u);
 }

@@ -35,7 +35,8 @@ StatusCode RegionManager::ReadRMMDn(uint16_t ld, uint32_t lba, LogicalDiskMap& m
         return st;
     }
     switch (m.header.decode(sector)) {
-        case RMMetadataHeader::Verdict::Good: break;
+        case RMMetadataHeader::Verdict::Good:
+            break;
         case RMMetadataHeader::Verdict::BadMagic:
             ESA_TRACE(tRM, who << ld << " at LBA " << lba << ". Header signature bad");
             return StatusCode::RM_MetaDataBad;
@@ -74,7 +75,8 @@ StatusCode RegionManager::ReadRMMDn(uint16_t ld, uint32_t lba, LogicalDiskMap& m
     }
     RMBitmap::Verdict v = m.bitmap.decode(area.data(), expected);
     if (v == RMBitmap::Verdict::BadCrc) {
-        ESA_CONSOLE(who << ld << ". Bitmap CRC mismatch. OnDisk = " << std::hex << (uint32_t(area[8]) << 24 | area[9] << 16 | area[10] << 8 | area[11]) << std::dec);
+        ESA_CONSOLE(who << ld << ". Bitmap CRC mismatch. OnDisk = " << std::hex
+                        << (uint32_t(area[8]) << 24 | area[9] << 16 | area[10] << 8 | area[11]) << std::dec);
         return StatusCode::RM_MetaDataBad;
     }
     if (v == RMBitmap::Verdict::BadMagic) {
@@ -103,7 +105,8 @@ std::vector<uint32_t> regionSizeCandidates(uint32_t pack, uint32_t newPack) {
         std::vector<uint32_t> sizes{RMLayout::kDefaultRegionBytes / 512};
         std::string why;
         for (unsigned long s = 2; s <= 1024; s += 2)
-            if (RegionManager::ScaleFactorUsable(s, why)) sizes.push_back(uint32_t(RMLayout::kDefaultRegionBytes / s / 512));
+            if (RegionManager::ScaleFactorUsable(s, why))
+                sizes.push_back(uint32_t(RMLayout::kDefaultRegionBytes / s / 512));
         return sizes;
     }();
     std::vector<uint32_t> out;
@@ -190,13 +193,14 @@ StatusCode RegionManager::ReadRMMD(uint16_t ld, LogicalDiskMap& m, bool allowRep
     for (unsigned c = 0; c < 2; ++c) {
         FindCopy(ld, c, capacity, ranges, c == 1 && found[0].good ? &copies[0] : nullptr, copies[c], found[c]);
         if (!found[c].good)
-            ESA_CONSOLE(who << ld << (c == 0 ? ". Primary metadata bad! Status: " : ". Secondary metadata bad! Status: ")
+            ESA_CONSOLE(who << ld
+                            << (c == 0 ? ". Primary metadata bad! Status: " : ". Secondary metadata bad! Status: ")
                             << found[c].status);
     }
     bool good[2] = {found[0].good, found[1].good};
     if (good[0] && good[1] && copies[0].header.generation != copies[1].header.generation) {
-        ESA_CONSOLE("RM::ReadRMMD: Generation numbers disagree between first and second RM metadata for logical disk: "
-                    << ld);
+        ESA_CONSOLE(
+            "RM::ReadRMMD: Generation numbers disagree between first and second RM metadata for logical disk: " << ld);
         if (newer(copies[0].header.generation, copies[1].header.generation)) {
             ESA_CONSOLE("RM::ReadRMMD: Generation number for first metadata is newest - making second metadata match");
             good[1] = false;
@@ -239,8 +243,9 @@ StatusCode RegionManager::ReadRMMD(uint16_t ld, LogicalDiskMap& m, bool allowRep
         return StatusCode::Success;
     }
     if (!mReadWrite) {
-        ESA_TRACE(tRM, "Not in RM write mode.  Not allowed to repair.  Return success since we are doing "
-                       "a speculative load.");
+        ESA_TRACE(tRM,
+                  "Not in RM write mode.  Not allowed to repair.  Return success since we are doing "
+                  "a speculative load.");
         return StatusCode::Success;
     }
     IOTracker tracker(READ_WRITE);

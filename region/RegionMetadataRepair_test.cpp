@@ -42,7 +42,8 @@ protected:
 TEST_F(RegionRepairTest, ACorruptedCopyIsRepairedFromTheOtherInMemoryAndOnDisk) {
     uint32_t r = packWithOneAllocation();
     // Copy 1's header checksum no longer matches.
-    patchHeader(0, copy1Lba(0), [](uint8_t* s) { s[0x90] ^= 0xFF; }, false);
+    patchHeader(
+        0, copy1Lba(0), [](uint8_t* s) { s[0x90] ^= 0xFF; }, false);
     testing::internal::CaptureStdout();
     ASSERT_EQ(reload(), StatusCode::Success);
     std::string out = testing::internal::GetCapturedStdout();
@@ -120,10 +121,13 @@ TEST_F(RegionRepairTest, HeadersWithBadVersionOrPaddingAreRefusedAndAZeroChecksu
         RegionTestFixture::putBE(s + 4, 6);
         s[0x78] = 1;
     });
-    patchHeader(0, 0x480, [](uint8_t* s) {
-        RegionTestFixture::putBE(s + 0x70, 0);
-        s[0x100] = 0x5A;  // in the zero tail: harmless, and uncheckable without a CRC
-    }, false);
+    patchHeader(
+        0, 0x480,
+        [](uint8_t* s) {
+            RegionTestFixture::putBE(s + 0x70, 0);
+            s[0x100] = 0x5A;  // in the zero tail: harmless, and uncheckable without a CRC
+        },
+        false);
     EXPECT_EQ(rm()->CheckRMMetaData(0, padding), StatusCode::Success);
     EXPECT_EQ(padding, 1u);
     // CheckRMMetaData never repairs: copy 1 is still refused on the disk.
@@ -135,12 +139,14 @@ TEST_F(RegionRepairTest, HeadersWithBadVersionOrPaddingAreRefusedAndAZeroChecksu
 
 TEST_F(RegionRepairTest, AReadOnlyLoadUsesTheGoodCopyAndLeavesTheDiskAlone) {
     packWithOneAllocation();
-    patchHeader(0, copy1Lba(0), [](uint8_t* s) { s[0] = 'X'; }, false);
+    patchHeader(
+        0, copy1Lba(0), [](uint8_t* s) { s[0] = 'X'; }, false);
     auto before = raw(0, copy1Lba(0));
     ASSERT_EQ(reload(false), StatusCode::Success);
     EXPECT_EQ(raw(0, copy1Lba(0)), before);
     // Both copies gone: the disk cannot load.
-    patchHeader(0, 0x480, [](uint8_t* s) { s[1] = 'X'; }, false);
+    patchHeader(
+        0, 0x480, [](uint8_t* s) { s[1] = 'X'; }, false);
     EXPECT_EQ(reload(), StatusCode::RM_MetaDataBad);
 }
 
@@ -202,7 +208,8 @@ TEST_F(RegionRepairTest, WhenEveryPlaceInTheRegionFailsTheDiskIsGivenUp) {
 TEST_F(RegionRepairTest, ARepairThatCannotBeWrittenLeavesTheGoodCopyInChargeUntilTheCopyMoves) {
     uint32_t r = packWithOneAllocation();
     uint32_t old = copy1Lba(0);
-    patchHeader(0, old, [](uint8_t* s) { s[0x90] ^= 1; }, false);
+    patchHeader(
+        0, old, [](uint8_t* s) { s[0x90] ^= 1; }, false);
     fault(0, {"media", "write", "lba=" + std::to_string(old) + "-" + std::to_string(old), "always"});
     testing::internal::CaptureStdout();
     ASSERT_EQ(reload(), StatusCode::Success);
@@ -238,4 +245,25 @@ TEST_F(RegionRepairTest, AChangeThatReachedOnlyTheFirstCopyIsUndoneOnDiskToo) {
     ASSERT_EQ(reload(), StatusCode::Success);
     EXPECT_TRUE(allocated(r)) << "a Region whose free failed came back free";
     EXPECT_FALSE(allocated(other)) << "a Region whose allocation failed stayed allocated";
+}
+
+TEST_F(RegionRepairTest, WhenBothCopiesHaveBadSectorsEachMovesOnceAndTheDiskStays) {
+    uint32_t r = packWithOneAllocation();
+    uint32_t c1 = copy1Lba(0);
+    fault(0, {"media", "write", "lba=0x480-0x480", "always"});
+    fault(0, {"media", "write", "lba=" + std::to_string(c1) + "-" + std::to_string(c1), "always"});
+    testing::internal::CaptureStdout();
+    rm()->outOfBandError(0, 0, 0x480, 0, StatusCode::MediaError);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(out.find("Unable to relocate"), std::string::npos) << out;
+    EXPECT_EQ(RegionManagerTestAccess::copyLba(0, 0), 0x480u + 0x400);
+    EXPECT_EQ(RegionManagerTestAccess::copyLba(0, 1), c1 + 0x400);
+    ASSERT_EQ(reload(), StatusCode::Success);
+    EXPECT_EQ(RegionManagerTestAccess::copyLba(0, 0), 0x480u + 0x400);
+    EXPECT_EQ(RegionManagerTestAccess::copyLba(0, 1), c1 + 0x400);
+    EXPECT_TRUE(allocated(r));
+    Copy a = readCopy(0, 0x880), b = readCopy(0, c1 + 0x400);
+    ASSERT_TRUE(a.header.valid && b.header.valid);
+    EXPECT_EQ(a.header.metadataLba, 0x880u);
+    EXPECT_EQ(a.header.generation, b.header.generation);
 }

@@ -31,13 +31,14 @@ StatusCode RegionManager::WriteRMMD(LogicalDiskMap& m, uint32_t bitmapStartSecto
         area.resize(h.bitmapBytes);
         m.bitmap.encode(area.data());
     }
-    static const char* const kFailed[2][3] = {
-        {"<<<< RM::WriteRMMD: Failed to write first header: ", "<<<< RM::WriteRMMD: Failed to write first bitmap first sector: ",
-         "<<<< RM::WriteRMMD: Failed to write first bitmap: "},
-        {"<<<< RM::WriteRMMD: Failed to write second header: ",
-         "<<<< RM::WriteRMMD: Failed to write second bitmap first sector: ",
-         "<<<< RM::WriteRMMD: Failed to write second bitmap: "}};
+    static const char* const kFailed[2][3] = {{"<<<< RM::WriteRMMD: Failed to write first header: ",
+                                               "<<<< RM::WriteRMMD: Failed to write first bitmap first sector: ",
+                                               "<<<< RM::WriteRMMD: Failed to write first bitmap: "},
+                                              {"<<<< RM::WriteRMMD: Failed to write second header: ",
+                                               "<<<< RM::WriteRMMD: Failed to write second bitmap first sector: ",
+                                               "<<<< RM::WriteRMMD: Failed to write second bitmap: "}};
     StatusCode st = StatusCode::Success;
+    m.lastFailedCopy = -1;
     for (unsigned c = 0; c < 2 && st == StatusCode::Success; ++c) {
         // A power cut here leaves copy 0 newer than copy 1: the next load's vote mends it.
         if (c == 1) CrashPoint("rmBetweenCopies");
@@ -47,6 +48,7 @@ StatusCode RegionManager::WriteRMMD(LogicalDiskMap& m, uint32_t bitmapStartSecto
         st = writeSectors(m.ld, sector, 1, m.rmLba[c], tracker);
         if (st != StatusCode::Success) {
             ESA_CONSOLE(kFailed[c][0] << st);
+            m.lastFailedCopy = int(c);
             break;
         }
         if (!bitmapSectors) continue;
@@ -54,12 +56,16 @@ StatusCode RegionManager::WriteRMMD(LogicalDiskMap& m, uint32_t bitmapStartSecto
             st = writeSectors(m.ld, area.data(), 1, m.rmLba[c] + 1, tracker);
             if (st != StatusCode::Success) {
                 ESA_CONSOLE(kFailed[c][1] << st);
+                m.lastFailedCopy = int(c);
                 break;
             }
         }
         st = writeSectors(m.ld, area.data() + bitmapStartSector * 512, bitmapSectors,
                           m.rmLba[c] + 1 + bitmapStartSector, tracker);
-        if (st != StatusCode::Success) ESA_CONSOLE(kFailed[c][2] << st);
+        if (st != StatusCode::Success) {
+            ESA_CONSOLE(kFailed[c][2] << st);
+            m.lastFailedCopy = int(c);
+        }
     }
     h.copyNumber = 0;
     return st;
@@ -89,8 +95,13 @@ StatusCode RegionManager::RelocateMetaData(unsigned copy, uint16_t ld) {
     IOTracker tracker(READ_WRITE);
     tracker.flags |= IOTracker::kMeta;
     st = WriteRMMD(*m, 0, 0xFFFF, tracker, true);
-    if (st == StatusCode::Success)
-        st = DiskPackManager::GetInstance()->updateRMLBA(tracker, ld, m->rmLba[0], m->rmLba[1]);
+    if (st == StatusCode::Success) {
+        // A DIS that keeps the old address costs nothing: the load finds a
+        // moved copy by walking its places.
+        StatusCode dis = DiskPackManager::GetInstance()->updateRMLBA(tracker, ld, m->rmLba[0], m->rmLba[1]);
+        if (dis != StatusCode::Success)
+            ESA_CONSOLE("RM::RelocateMetadata: LD #" << ld << " the DIS keeps the old metadata address: " << dis);
+    }
     StatusCode committed = tracker.commit();
     if (st == StatusCode::Success) st = committed;
     ESA_CONSOLE("RM::RelocateMetadata. New location is " << next << " for copy " << copy << " of LD #" << ld);
@@ -141,6 +152,8 @@ void RegionManager::outOfBandError(uint16_t ld, uint32_t, uint32_t lba, int, Sta
     for (;;) {
         StatusCode st = RelocateMetaData(unsigned(copy), ld);
         if (st == StatusCode::Success) return;
+        // The rewrite failed at one of the copies: that copy moves next.
+        if (st != StatusCode::OutOfSpace && m->lastFailedCopy >= 0) copy = m->lastFailedCopy;
         if (st == StatusCode::OutOfSpace) {
             ESA_CONSOLE(who << ld << " ran out of metadata space for MD location " << copy);
             ESA_CONSOLE("RM::outOfBandError: Unable to relocate metadata for logicalDisk: "

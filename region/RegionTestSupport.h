@@ -109,8 +109,7 @@ protected:
     Copy readCopy(int slot, uint32_t lba) {
         Copy c;
         c.header = independent::readRMHeader(raw(slot, lba).data());
-        if (c.header.bitmapBytes == 0 || c.header.bitmapBytes % 512 != 0 || c.header.bitmapBytes > (1u << 20))
-            return c;
+        if (c.header.bitmapBytes == 0 || c.header.bitmapBytes % 512 != 0 || c.header.bitmapBytes > (1u << 20)) return c;
         c.bitmap = raw(slot, lba + 1, c.header.bitmapBytes / 512);
         c.bitmapValid = independent::rabmValid(c.bitmap.data(), c.header.bitmapBytes);
         return c;
@@ -131,8 +130,10 @@ protected:
     void patchBitmap(int slot, uint32_t headerLba, uint32_t region, bool allocated) {
         Copy c = readCopy(slot, headerLba);
         uint8_t bit = uint8_t(1u << (region % 8));
-        if (allocated) c.bitmap[12 + region / 8] |= bit;
-        else c.bitmap[12 + region / 8] &= uint8_t(~bit);
+        if (allocated)
+            c.bitmap[12 + region / 8] |= bit;
+        else
+            c.bitmap[12 + region / 8] &= uint8_t(~bit);
         std::memset(c.bitmap.data() + 8, 0, 4);
         putBE(c.bitmap.data() + 8, independent::crc(c.bitmap.data(), c.bitmap.size()));
         writeRaw(slot, headerLba + 1, c.bitmap);
