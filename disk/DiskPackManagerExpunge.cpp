@@ -7,6 +7,7 @@
 #include "cache/DiskLBAMetaDataTracker.h"
 #include "disk/DiskManager.h"
 #include "disk/DiskPackManager.h"
+#include "journal/j2/J2Manager.h"
 #include "management/SystemPolicy.h"
 #include "region/RegionManager.h"
 #include "system/SystemManager.h"
@@ -117,6 +118,10 @@ StatusCode DiskPackManager::expungeLogicalDisk(ExpungeParams* p) {
             return StatusCode::ExpungeDeclined;
         }
     }
+    // The mark goes straight to the disk, past the journal: whatever the
+    // journal still holds for the disk's records is spilled first, or a later
+    // spill would write an older record over the mark.
+    if (J2Manager::GetInstance()->journalling()) J2Manager::GetInstance()->forceFlush(false);
     uint16_t slot = kUnknownSlot;
     {
         ExtendingLockObject::ExclusiveLockInstance g(&mDis.globalDISLock);
