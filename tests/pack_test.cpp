@@ -213,3 +213,25 @@ TEST(PackSystem, ExpungedDiskIsRefusedAtTheNextStartAndThePackLoadsWithoutIt) {
     EXPECT_NE(out.find("DISK PACK IS LOADED"), std::string::npos) << out;
     EXPECT_NE(out.find("LD #1 MISSING"), std::string::npos) << out;
 }
+
+TEST(PackSystem, NewerGenerationWinsAndTheOlderDiskIsAbsorbedAtTheNextGeneration) {
+    TestBoard board;
+    createDisks(board, "1G,1G,1G");
+    runOnce(board);
+    // Disk 2 is away for one start: the others move on to generation 2.
+    moveDisk(board.path("slots/2"), board.path("away"));
+    std::string out = runOnce(board);
+    EXPECT_NE(out.find("missing = 1"), std::string::npos) << out;
+    ASSERT_EQ(liveCopies(img(board, 0))[0].dis.generation, 2u);
+    moveDisk(board.path("away"), board.path("slots/2"));
+    ASSERT_EQ(liveCopies(img(board, 2))[0].dis.generation, 1u);
+    out = runOnce(board, {"state DPM"});
+    EXPECT_NE(out.find("Marking LD #2 from pack"), std::string::npos) << out;
+    EXPECT_NE(out.find("DISK PACK IS LOADED"), std::string::npos) << out;
+    for (int s = 0; s < 3; ++s)
+        for (const auto& c : liveCopies(img(board, s))) {
+            EXPECT_EQ(c.dis.generation, 3u) << "slot " << s;
+            EXPECT_EQ(c.dis.logicalDisks, 0xFu) << "slot " << s;
+        }
+    EXPECT_EQ(liveCopies(img(board, 2))[1].dis.ldNumber, 3u) << "the old disk joins as a new LD";
+}
