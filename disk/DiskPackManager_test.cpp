@@ -463,3 +463,23 @@ TEST_F(DisRecord, StreamOutputCarriesTheFieldLabels) {
                               "Expunge reason", "Ext checksum"})
         EXPECT_NE(out.str().find(label), std::string::npos) << label;
 }
+
+// Two disks gone within one generation change would leave the pack with two
+// generations: the system restarts instead, and the next start decides.
+TEST_F(DisWrite, DiskNotPresentFromTwoDisksRestartsTheSystem) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            ::dup2(2, 1);  // the console, where the death test looks
+            makePack({"1G", "1G", "1G"});
+            // LD 1 vanishes after LD 0 took the new generation; LD 0 then
+            // vanishes on its rollback (its fourth write: three copies, then the rollback).
+            DIS::injection().enable(true, "updateDis.1", ErrorInjection::After, 1, 1, StatusCode());
+            for (ErrorInjection* e : ErrorInjection::All())
+                if (e->module() == "dm")
+                    e->enable(true, "WriteData.0", ErrorInjection::After, 4, 1, StatusCode::DiskNotPresent);
+            dpm()->setDiskPackName("Twice");
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(Board::kRestartExitStatus), "DNP FROM TWO DISKS DURING DIS WRITE");
+}
