@@ -11,6 +11,10 @@ public:
     void DiskMounted(unsigned short slot) { (void)slot; }
     void ExpungeDisk(unsigned short slot) { (void)slot; }
     void RemoveDisk(unsigned short slot) { (void)slot; }
+    // A refused or failed disk, and the help indication of an unloadable pack:
+    // told on the console until the slot lights exist.
+    void DiskFail(unsigned short slot);
+    void help();
 
 private:
     SystemPolicy() = default;

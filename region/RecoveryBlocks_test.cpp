@@ -226,6 +226,7 @@ TEST_F(RecoveryBlockTest, ARecreatedFormerMemberKeepsItsPaddingAndIsNotNew) {
     ASSERT_TRUE(ctl().insertDisk(2, "20G", msg)) << msg;
     drainMessages();
     ASSERT_EQ(dm()->AddDisk(2), StatusCode::Success);
+    ASSERT_EQ(joinPack(2), 2);
     flag = true;
     ASSERT_EQ(rm()->CreateDisk(2, lba0, lba1, flag), StatusCode::Success);
     EXPECT_TRUE(flag);

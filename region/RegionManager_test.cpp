@@ -344,6 +344,7 @@ TEST_F(RegionManagerTest, CreateOfAnExistingDiskAndLoadWithoutDisksAreRefused) {
     bool keep = false;
     EXPECT_EQ(rm()->CreateDisk(0, a, b, keep), StatusCode::RM_DiskExists);
     ASSERT_EQ(dm()->RemoveDisk(0), StatusCode::Success);
+    leavePack(0);
     EXPECT_EQ(reload(), StatusCode::RM_NoDisks);
 }
 
@@ -407,6 +408,7 @@ TEST_F(RegionManagerTest, AHotAddedDiskJoinsWithThePacksSavedZoneTableLocations)
     ASSERT_TRUE(ctl().insertDisk(2, "30G", msg)) << msg;
     drainMessages();
     ASSERT_EQ(dm()->AddDisk(2), StatusCode::Success);
+    ASSERT_EQ(joinPack(2), 2);
     uint32_t lba0 = 0, lba1 = 0;
     bool keep = false;
     ASSERT_EQ(rm()->CreateDisk(2, lba0, lba1, keep), StatusCode::Success);

@@ -13,6 +13,7 @@
 #include "cache/DiskLBAMetaDataTracker.h"
 #include "disk/DiskPackManager.h"
 #include "disk/DiskTestFixture.h"
+#include "disk/PackTestFixture.h"
 #include "region/RegionManager.h"
 #include "tests/support/IndependentReader.h"
 
@@ -54,17 +55,31 @@ protected:
         makePackOnPresentDisks();
     }
 
-    // The one place a test pack is made: Region metadata on every present
-    // logical disk, then the full load.
+    // The one place a test pack is made: the pack layer makes a new pack of
+    // the present disks (blank disks in slot order become LDs 0..; Region
+    // metadata is created on each as it joins), then the Region layer loads.
     void makePackOnPresentDisks() {
-        uint32_t present = DiskPackManager::GetInstance()->presentLogicalDisks();
-        for (uint16_t ld = 0; ld < 24; ++ld) {
-            if (!(present >> ld & 1)) continue;
-            uint32_t lba0 = 0, lba1 = 0;
-            bool keep = false;
-            ASSERT_EQ(rm()->CreateDisk(ld, lba0, lba1, keep), StatusCode::Success) << "LD " << ld;
-        }
+        DiskPackManager* dpm = DiskPackManager::GetInstance();
+        dpm->resetForTest();
+        dpm->setSecondStageForTest([] {
+            DiskPackManager::GetInstance()->diskPackLoadStatus(StatusCode::Success);
+            return true;
+        });
+        FastBoardClock fast;
+        ASSERT_EQ(dpm->doColdStart(true), StatusCode::Success);
         ASSERT_EQ(rm()->LoadDiskPack(), StatusCode::Success);
+    }
+
+    // A disk that joins the pack without the pack layer's Region work (the
+    // test installs it): it gets the lowest free LD number.
+    uint16_t joinPack(uint16_t slot) {
+        uint16_t ld = 99;
+        EXPECT_EQ(DiskPackManager::GetInstance()->attachDiskForTest(slot, ld), StatusCode::Success);
+        return ld;
+    }
+    // A disk that left: its LD stays a member, missing.
+    void leavePack(uint16_t slot) {
+        EXPECT_EQ(DiskPackManager::GetInstance()->master().removeDiskInSlot(slot), StatusCode::Success);
     }
 
     // A restart as far as the Region layer sees one: nothing kept in memory.

@@ -1,0 +1,374 @@
+// DiskPackManager: a pack that changes while it runs. Disks joining and
+// leaving (hotPlug), the expunge family that throws a failing disk out for
+// good, the critical disk map, and the queueing of DIS repair.
+#include <cstring>
+#include <sstream>
+
+#include "cache/DiskLBAMetaDataTracker.h"
+#include "disk/DiskManager.h"
+#include "disk/DiskPackManager.h"
+#include "journal/j2/J2Manager.h"
+#include "management/SystemPolicy.h"
+#include "region/RegionManager.h"
+#include "system/SystemManager.h"
+#include "util/Assert.h"
+#include "util/Trace.h"
+#include "zone/ZoneManager.h"
+
+using namespace DisLayout;
+
+namespace {
+Trace expungeTrace("DPM", "expunge", "flow", false);
+
+DiskPackManager::ExpungeParams* newParams(uint16_t ld, uint16_t slot, const char* reason) {
+    auto* p = new DiskPackManager::ExpungeParams;
+    p->ld = ld;
+    p->slot = slot;
+    std::strncpy(p->reason, reason ? reason : "", sizeof p->reason - 1);
+    return p;
+}
+}  // namespace
+
+void DiskPackManager::checkDisRepair() {
+    bool post = false;
+    {
+        ExtendingLockObject::ExclusiveLockInstance g(&mDis.globalDISLock);
+        if (!(mDis.flags & DIS_UNDER_REPAIR) && (mDis.flags & (DIS_NEEDS_REPAIR | DIS_NEEDS_GLOBAL_REWRITE))) {
+            mDis.flags |= DIS_UNDER_REPAIR;
+            post = true;
+        }
+    }
+    // At most one repair waits in the event queue.
+    if (post) EventManager::GetInstance()->NewEvent(eDISRepair, false, 0ul);
+}
+
+// ---- expunge requests: they post and return
+
+StatusCode DiskPackManager::expungeLogicalDisk(uint16_t ld, const char* reason) {
+    EventManager::GetInstance()->NewEvent(eLogExpung, false, static_cast<void*>(newParams(ld, 0, reason)));
+    return StatusCode::Success;
+}
+
+StatusCode DiskPackManager::expungePhysicalDisk(uint16_t slot, const char* reason) {
+    EventManager::GetInstance()->NewEvent(ePhyExpung, false, static_cast<void*>(newParams(0, slot, reason)));
+    return StatusCode::Success;
+}
+
+StatusCode DiskPackManager::expungePhysicalDiskWithDelay(uint16_t slot, const char* reason) {
+    {
+        ExtendingLockObject::ExclusiveLockInstance g(&mDis.globalDISLock);
+        DIS::LogicalDiskContainer* c = mDis.containerInSlot(slot);
+        if (!c) {
+            ESA_TRACE(expungeTrace, "slot " << slot << " contains no valid logical disk");
+            return StatusCode::DiskNotPresent;
+        }
+        c->delayedExpunge = true;
+    }
+    return expungePhysicalDisk(slot, reason);
+}
+
+// ---- the expunge work, on the event thread
+
+StatusCode DiskPackManager::expungePhysicalDisk(ExpungeParams* p) {
+    // A delayed expunge waits for a slot that was just power-cycled to come
+    // back. The wait is bounded: a disk that keeps its container across
+    // kMaxDelays waits is expunged where it stands.
+    constexpr unsigned kMaxDelays = 3;
+    for (unsigned round = 0;; ++round) {
+        bool delayed = false;
+        DiskIdentifier wwn;
+        {
+            ExtendingLockObject::SharedLockInstance g(&mDis.globalDISLock);
+            DIS::LogicalDiskContainer* c = mDis.containerInSlot(p->slot);
+            if (!c) {
+                ESA_TRACE(expungeTrace, "slot " << p->slot << " contains no valid logical disk");
+                return StatusCode::DiskNotPresent;
+            }
+            p->ld = c->ldNumber;
+            delayed = c->delayedExpunge && round < kMaxDelays;
+            if (const DiskIdentifier* id = DiskManager::GetInstance()->GetDiskWWN(p->slot)) wwn = *id;
+        }
+        if (!delayed) return expungeLogicalDisk(p);
+        taskDelay(60 * sysClkRateGet());
+        bool found = false;
+        for (auto& [slot, id] : readyDisks()) {
+            if (id && *id == wwn) {
+                ESA_TRACE(expungeTrace, "found in slot " << slot << " after delay, looking for LD again");
+                p->slot = uint16_t(slot);
+                found = true;
+            }
+        }
+        if (!found) {
+            std::ostringstream os;
+            os << "Can't find " << wwn << " after delay, aborting expunge";
+            ESA_TRACE(expungeTrace, os.str());
+            return StatusCode::DiskNotPresent;
+        }
+    }
+}
+
+StatusCode DiskPackManager::expungeLogicalDisk(ExpungeParams* p) {
+    {
+        IOTracker tracker(READ_ONLY);
+        bool critical = ZoneManager::GetInstance()->IsCriticalDisk(p->ld, true, tracker);
+        tracker.commitIfDirty();
+        if (critical) {
+            ESA_CONSOLE("<<<< DiskPackManager::expungePhysicalDisk: expunge DECLINED because ZM indicates LD# "
+                        << p->ld << " is CRITICAL");
+            return StatusCode::ExpungeDeclined;
+        }
+    }
+    // The mark goes straight to the disk, past the journal: whatever the
+    // journal still holds for the disk's records is spilled first, or a later
+    // spill would write an older record over the mark.
+    if (J2Manager::GetInstance()->journalling()) J2Manager::GetInstance()->forceFlush(false);
+    uint16_t slot = kUnknownSlot;
+    {
+        ExtendingLockObject::ExclusiveLockInstance g(&mDis.globalDISLock);
+        DIS::LogicalDiskContainer* c = mDis.container(p->ld);
+        if (!c) {
+            ESA_TRACE(expungeTrace, "LD #" << p->ld << " is no longer in the disk pack");
+            return StatusCode::DiskNotPresent;
+        }
+        slot = c->slot;
+        c->flags |= DIS_EXPUNGED;
+        c->setReason(std::string(p->reason, strnlen(p->reason, sizeof p->reason)));
+        postEvent("DPM: Expunging LD #" + std::to_string(p->ld) + " in slot " + std::to_string(slot) + " [" +
+                  c->reason() + "]");
+        // The mark reaches this disk alone, so it is refused wherever it goes next.
+        IOTracker tracker(READ_WRITE);
+        mDis.updateSingleDis(c, tracker, true);
+        tracker.commit();
+    }
+    DiskManager::GetInstance()->Flush(slot);
+    return hotPlug(slot, EXPUNGE);
+}
+
+// ---- hot plug
+
+StatusCode DiskPackManager::hotPlug(uint16_t slot, int op) {
+    postEvent("DPM::hotPlug: SlotNumber = " + std::to_string(slot) + ", op = " + operationName(op));
+    ESA_ASSERT_OP(slot, <, DiskManager::kSlots);
+    SystemManager* sm = SystemManager::GetInstance();
+    if (!sm->hotPlugAllowed()) {
+        postEvent("DPM::hotPlug: SM says no hotplugs allowed!");
+        return StatusCode::NotExecuted;
+    }
+    if (op == ADD) {
+        if (!readyDisks().count(slot)) {
+            postEvent("DPM::hotPlug: NO DISK in slot " + std::to_string(slot) + "during ADD");
+            return StatusCode::DiskNotPresent;
+        }
+        while (mDiskPackLoading) taskDelay(1);
+        if (!mDiskPackLoaded) return doColdStart(false);
+        LockObject::ExclusiveLockInstance h(&mHotPlugLock);
+        {
+            ExtendingLockObject::SharedLockInstance g(&mDis.globalDISLock);
+            if (DIS::LogicalDiskContainer* in = mDis.containerInSlot(slot)) {
+                postEvent("DPM::hotPlug: LD #" + std::to_string(in->ldNumber) + " is ALREADY in slot " +
+                          std::to_string(slot));
+                return StatusCode::Success;
+            }
+        }
+        DiskLBAMetaDataTracker::GetInstance()->ClearSet(slot);
+        DIS::LogicalDiskContainer* c = nullptr;
+        DIS* d = discoverDis(slot, c);
+        if (d) d->setContainer(c->ldNumber, nullptr);
+        const std::string wwn = wwnOf(slot);
+        if (c->allRangesBad() || (c->flags & DIS_EXPUNGED)) {
+            refuse(slot, c->allRangesBad() ? "DPM::hotPlug: all DIS ranges on disk in slot " + std::to_string(slot) +
+                                                 " are bad, refusing!"
+                                           : "DPM::hotPlug: Refusing EXPUNGED slot " + std::to_string(slot) + " [" +
+                                                 c->reason() + "] WWN=>" + wwn);
+            delete d;
+            delete c;
+            checkDisRepair();
+            return StatusCode::DiskError;
+        }
+        const DiskIdentifier* id = DiskManager::GetInstance()->GetDiskWWN(slot);
+        bool candidate = false;
+        if (id && d && *id == mLastRemovedWWN) {
+            if (d->packId == mDis.packId) candidate = true;
+            else
+                postEvent("DPM: LD " + std::to_string(mLastRemovedLD) +
+                          " was last disk removed but has been used elsewhere and now has pack ID 0x" +
+                          std::to_string(d->packId.word[0]));
+        }
+        delete d;
+        c->flags &= DIS_RANGE_BAD_MASK | DIS0_BAD | DIS1_BAD | DIS2_BAD | DIS_NEEDS_REPAIR;
+        StatusCode added;
+        {
+            ExtendingLockObject::ExclusiveLockInstance g(&mDis.globalDISLock);
+            mDis.flags |= DIS_UPDATE_GLOBAL;
+            added = mDis.addLogicalDisk(c);
+            if (c->flags & DIS_NEEDS_REPAIR) mDis.flags |= DIS_NEEDS_REPAIR;
+        }
+        mDis.updateDis(nullptr, true);
+        if (added == StatusCode::Success) {
+            if (candidate) {
+                ExtendingLockObject::ExclusiveLockInstance g(&mDis.globalDISLock);
+                mResyncNewLD = c->ldNumber;
+                mResyncAvailable = true;
+                postEvent("DPM: LD " + std::to_string(mLastRemovedLD) + " identified as a candidate for fast resync");
+            }
+            if (!mResyncAvailable) {
+                if (mLastRemovedLD != kNoLd)
+                    postEvent("DPM: Clearing down LD #" + std::to_string(mLastRemovedLD) + " as fast sync disk");
+                mLastRemovedWWN.Reset();
+                mLastRemovedLD = mResyncNewLD = kNoLd;
+            }
+            sm->AddDisk(slot, c->ldNumber);
+        } else {
+            delete c;
+            SystemPolicy::GetInstance()->DiskFail(slot);
+        }
+        checkDisRepair();
+        return added;
+    }
+    if (op != REMOVE && op != POWER_CYCLE && op != EXPUNGE) {
+        postEvent("DPM::hotPlug: Unknown hot operation = " + std::to_string(op));
+        return StatusCode::InternalError;
+    }
+    if (op != EXPUNGE) {
+        while (mDiskPackLoading && !mLoadPastCommitPoint) taskDelay(1);
+        if (!mDiskPackLoaded && !mDiskPackLoading) return doColdStart(false);
+    }
+    LockObject::ExclusiveLockInstance h(&mHotPlugLock);
+    uint16_t ld = kNoLd;
+    {
+        ExtendingLockObject::SharedLockInstance g(&mDis.globalDISLock);
+        if (DIS::LogicalDiskContainer* c = mDis.containerInSlot(slot)) ld = c->ldNumber;
+    }
+    if (ld == kNoLd) {
+        postEvent("DPM::hotplug: disk REMOVED from slot " + std::to_string(slot) +
+                  " has no associated LD, probably expunged");
+        SystemPolicy::GetInstance()->RemoveDisk(slot);
+        return StatusCode::DiskNotPresent;
+    }
+    postEvent("DPM::hotplug: LD #" + std::to_string(ld) + " matches disk in slot " + std::to_string(slot) + " WWN=>" +
+              wwnOf(slot));
+    if (mCriticalMap >> ld & 1) {
+        postEvent("DPM::hotplug: DISK REMOVED FROM SLOT " + std::to_string(slot) + " LD #" + std::to_string(ld) +
+                  " WAS CRITICAL, isCritical = TRUE");
+        sm->nonViableDiskPack("DPM");
+    }
+    const DiskIdentifier* id = DiskManager::GetInstance()->GetDiskWWN(slot);
+    {
+        ExtendingLockObject::ExclusiveLockInstance g(&mDis.globalDISLock);
+        mDis.flags |= DIS_UPDATE_GLOBAL;
+    }
+    if (StatusCode removed = mDis.removeDiskInSlot(slot); removed != StatusCode::Success) {
+        postEvent("DPM::hotplug: NO DISK IN SLOT " + std::to_string(slot) + " during " +
+                  (op == REMOVE ? "REMOVE" : op == POWER_CYCLE ? "POWER CYCLE" : "EXPUNGE"));
+        return removed;
+    }
+    {
+        // Remembered, for a quick resynchronisation if the disk comes back.
+        ExtendingLockObject::ExclusiveLockInstance g(&mDis.globalDISLock);
+        mResyncAvailable = false;
+        if (id) mLastRemovedWWN = *id;
+        mLastRemovedLD = ld;
+    }
+    IOTracker tracker(READ_ONLY);
+    updateCriticalDiskMap(tracker);
+    tracker.commitIfDirty();
+    if (mDis.updateDis(nullptr, true) != StatusCode::Success) postEvent("DPM::hotplug: Error during DIS update");
+    RegionManager::GetInstance()->RemoveDisk(ld);
+    if (op == EXPUNGE) sm->ExpungeDisk(slot, ld);
+    else sm->RemoveDisk(slot, ld);
+    checkDisRepair();
+    return StatusCode::Success;
+}
+
+// ---- critical disks
+
+void DiskPackManager::updateCriticalDiskMap(IOTracker& tracker) {
+    uint32_t map = 0, members = 0;
+    {
+        ExtendingLockObject::SharedLockInstance g(&mDis.globalDISLock);
+        members = mDis.logicalDisks;
+    }
+    for (unsigned ld = 0; ld < maxLogicalDisks; ++ld) {
+        if (!(members >> ld & 1)) continue;
+        if (!ZoneManager::GetInstance()->IsCriticalDisk(uint16_t(ld), false, tracker)) continue;
+        map |= 1u << ld;
+        if (!isPresent(uint16_t(ld))) {
+            postEvent("DPM::updateCriticalDiskMap: LD #" + std::to_string(ld) + " is CRITICAL and missing, REBOOTING");
+            SystemManager::GetInstance()->nonViableDiskPack("DPM");
+        }
+    }
+    ExtendingLockObject::ExclusiveLockInstance g(&mDis.globalDISLock);
+    mCriticalCount = unsigned(__builtin_popcount(map));
+    if (map != mCriticalMap) ESA_TRACE(expungeTrace, "Critical disk map has changed, new = 0x" << std::hex << map);
+    // The journal hears of the critical slots once it keeps a map of its own.
+    mCriticalMap = map;
+}
+
+void DiskPackManager::rebootIfCritical(uint16_t ld) {
+    ESA_ASSERT(mDis.globalDISLock.OwnsLock() || mDis.globalDISLock.sharedCount() > 0);
+    if (ld < maxLogicalDisks && (mCriticalMap >> ld & 1)) {
+        postEvent("DPM::rebootIfCritical: LD #" + std::to_string(ld) + " IS CRITICAL AND MISSING REBOOTING");
+        SystemManager::GetInstance()->nonViableDiskPack("DPM");
+    }
+}
+
+StatusCode DiskPackManager::deleteLogicalDisk(uint16_t ld) {
+    {
+        IOTracker tracker(READ_ONLY);
+        updateCriticalDiskMap(tracker);
+        tracker.commitIfDirty();
+    }
+    {
+        ExtendingLockObject::ExclusiveLockInstance g(&mDis.globalDISLock);
+        if (!mDis.hasLd(ld)) {
+            postEvent("DiskPackManager::deleteLogicalDisk: UNKNOWN LOGICAL DISK");
+            return StatusCode::DiskNotPresent;
+        }
+        mDis.logicalDisks &= ~(1u << ld);
+        mDis.critcalDisks &= ~(1u << ld);
+        delete mDis.container(ld);
+        mDis.setContainer(ld, nullptr);
+        postEvent("DPM::deleteLogicalDisk: LD #" + std::to_string(ld) + " REMOVED from disk pack");
+        mDis.flags |= DIS_UPDATE_GLOBAL;
+    }
+    return mDis.updateDis(nullptr, true);
+}
+
+StatusCode DiskPackManager::externalConsistencyCheck(std::ostream& out) {
+    if (!mDiskPackLoaded) return StatusCode::DiskPackNotLoaded;
+    // Checks that every present LD's records on disk are its own; a stale or
+    // missing one is marked for repair, and the repair rewrites it.
+    LockObject::ExclusiveLockInstance h(&mHotPlugLock);
+    for (unsigned ld = 0; ld < maxLogicalDisks; ++ld) {
+        uint16_t slot = 0;
+        uint32_t iteration = 0;
+        {
+            ExtendingLockObject::SharedLockInstance g(&mDis.globalDISLock);
+            DIS::LogicalDiskContainer* c = mDis.container(ld);
+            if (!c) continue;
+            slot = c->slot;
+            iteration = c->iteration;
+        }
+        DiskLBAMetaDataTracker::GetInstance()->ClearSet(slot);
+        DIS::LogicalDiskContainer* found = nullptr;
+        DIS* d = discoverDis(slot, found);
+        bool same = d && d->packId == mDis.packId && d->generation == mDis.generation && found->ldNumber == ld &&
+                    found->iteration == iteration;
+        uint32_t onDiskBad = found->flags & (DIS0_BAD | DIS1_BAD | DIS2_BAD);
+        if (d && d->container(found->ldNumber) == found) delete d;
+        else {
+            delete d;
+            delete found;
+        }
+        if (same && !onDiskBad) continue;
+        out << "LD #" << ld << (same ? " on-disk copies need repair" : " stale DIS on disk in slot ") << slot
+            << ", repairing\n";
+        ExtendingLockObject::ExclusiveLockInstance g(&mDis.globalDISLock);
+        if (DIS::LogicalDiskContainer* c = mDis.container(ld)) {
+            c->flags |= (same ? onDiskBad : (DIS0_BAD | DIS1_BAD | DIS2_BAD)) | DIS_NEEDS_REPAIR;
+            mDis.flags |= DIS_NEEDS_REPAIR;
+        }
+    }
+    checkDisRepair();
+    return StatusCode::Success;
+}
