@@ -7,7 +7,7 @@
 namespace {
 Trace tRmdt("Cache", "RMDT", "Info", false);
 
-// Byte address -> (Region, offset in Region); false until the geometry is known.
+// Byte address -> (Region, offset in Region); false until a pack gives the geometry.
 bool split(uint64_t element, uint32_t& region, uint64_t& offset) {
     uint64_t size = RegionManager::GetInstance()->RegionSizeBytes();
     if (size == 0) return false;
@@ -26,14 +26,14 @@ RegionMetaDataTracker* RegionMetaDataTracker::GetInstance() {
 StatusCode RegionMetaDataTracker::readBelow(uint32_t set, uint64_t start, DataWindow& window, IOTracker& tracker) {
     uint32_t region = 0;
     uint64_t offset = 0;
-    if (!split(start, region, offset)) return StatusCode::FunctionNotImplemented;
+    if (!split(start, region, offset)) return StatusCode::DiskPackNotLoaded;
     return RegionManager::GetInstance()->ReadData(set, region, offset, window, tracker);
 }
 
 StatusCode RegionMetaDataTracker::writeBelow(uint32_t set, uint64_t start, DataWindow& window, IOTracker& tracker) {
     uint32_t region = 0;
     uint64_t offset = 0;
-    if (!split(start, region, offset)) return StatusCode::FunctionNotImplemented;
+    if (!split(start, region, offset)) return StatusCode::DiskPackNotLoaded;
     return RegionManager::GetInstance()->WriteData(set, region, offset, window, tracker);
 }
 

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "disk/DiskHotPlug.h"
+#include "disk/DiskPackManager.h"
 #include "disk/DiskPowerManager.h"
 #include "disk/DriveAdapter.h"
 #include "disk/ErrorPolicy.h"
@@ -551,9 +552,15 @@ void DiskManager::reportDiskFail(int slot) {
 
 void DiskManager::notifyPackLayers(int slot, bool add) {
     // The journal and the pack manager hear of each disk that comes or goes,
-    // the journal first; the pack manager joins here when it is built.
+    // the journal first (a returning disk gets its unspilled metadata back
+    // before the pack reads its records). The pack manager listens once the
+    // system has initialised it: the disk layer alone (its own tests, the
+    // board tool) never makes or changes a pack.
     ESA_TRACE(dmTrace, "DM: slot " << slot << (add ? " added" : " removed"));
     J2Manager::GetInstance()->hotPlug(uint16_t(slot), add ? hotAdd : hotRemove);
+    DiskPackManager* dpm = DiskPackManager::GetInstance();
+    if (dpm->initialized())
+        dpm->hotPlug(uint16_t(slot), add ? DiskPackManager::ADD : DiskPackManager::REMOVE);
 }
 
 StatusCode DiskManager::AddDisk(int slot) {

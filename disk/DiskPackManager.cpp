@@ -3,6 +3,8 @@
 // in DiskPackManagerExpunge.cpp.
 #include "disk/DiskPackManager.h"
 
+#include "system/SystemManager.h"
+
 #include <iomanip>
 #include <sstream>
 
@@ -101,6 +103,7 @@ void DiskPackManager::resetForTest() {
     mResyncAvailable = false;
     mLastRemovedWWN.Reset();
     mLastRemovedLD = mResyncNewLD = kNoLd;
+    SystemManager::GetInstance()->setClearDiskRequested(false);
 }
 
 StatusCode DiskPackManager::attachDiskForTest(uint16_t slot, uint16_t& ld) {

@@ -59,6 +59,7 @@ public:
     static DiskPackManager* GetInstance();
 
     StatusCode Initialize() override;
+    bool initialized() const { return mInitialized; }
     // The work of a load runs from doColdStart; this one has nothing to do.
     StatusCode LoadDiskPack() override { return StatusCode::Success; }
     StatusCode UnloadDiskPack() override;

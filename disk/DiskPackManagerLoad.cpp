@@ -426,8 +426,10 @@ StatusCode DiskPackManager::doColdStart(bool clearDisk) {
     }
     postEvent("DPM::doColdStart: COMMITTING TO LOAD disk pack " + idText(mDis.packId) + " generation " +
               std::to_string(mDis.generation));
-    if (!created && !systemStagesReplaced()) SystemManager::GetInstance()->prepForPackLoad();
-    else SystemManager::GetInstance()->setClearDiskRequested(true);
+    // A new pack is marked for the layers above (they lay out their records
+    // afresh); an existing one is prepared for its load.
+    if (created) SystemManager::GetInstance()->setClearDiskRequested(true);
+    else if (!systemStagesReplaced()) SystemManager::GetInstance()->prepForPackLoad();
     for (unsigned ld = 0; ld < maxLogicalDisks; ++ld)
         if (DIS::LogicalDiskContainer* c = mDis.container(ld))
             postEvent("DPM: slot " + std::to_string(c->slot) + " contains LD #" + std::to_string(ld) + " (" +

@@ -15,6 +15,7 @@
 #include "disk/DiskTestFixture.h"
 #include "disk/PackTestFixture.h"
 #include "region/RegionManager.h"
+#include "system/SystemManager.h"
 #include "tests/support/IndependentReader.h"
 
 // Reaches into the manager where a test must stage what only an old pack or a
@@ -70,6 +71,24 @@ protected:
         ASSERT_EQ(rm()->LoadDiskPack(), StatusCode::Success);
     }
 
+    // The pack found again as a power-up finds it: the pack layer reads the
+    // disks' records (a disk no longer in its slot is a missing member), then
+    // the Region layer loads. The disk layer must already be up.
+    StatusCode reloadPackFromDisks() {
+        rm()->UnloadDiskPack();
+        dlbat()->flush();
+        DiskPackManager* dpm = DiskPackManager::GetInstance();
+        dpm->resetForTest();
+        dpm->setSecondStageForTest([] {
+            DiskPackManager::GetInstance()->diskPackLoadStatus(StatusCode::Success);
+            return true;
+        });
+        FastBoardClock fast;
+        StatusCode st = dpm->doColdStart(false);
+        if (st != StatusCode::Success) return st;
+        return rm()->LoadDiskPack();
+    }
+
     // A disk that joins the pack without the pack layer's Region work (the
     // test installs it): it gets the lowest free LD number.
     uint16_t joinPack(uint16_t slot) {
@@ -84,6 +103,7 @@ protected:
 
     // A restart as far as the Region layer sees one: nothing kept in memory.
     StatusCode reload(bool readWrite = true) {
+        SystemManager::GetInstance()->setClearDiskRequested(false);  // a restart clears nothing
         rm()->UnloadDiskPack();
         dlbat()->flush();
         return readWrite ? rm()->LoadDiskPack() : rm()->LoadDiskPackReadOnly();

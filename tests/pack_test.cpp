@@ -112,7 +112,7 @@ std::string runOnce(const TestBoard& board, const std::vector<std::string>& comm
 
 TEST(PackSystem, BlankDisksBecomeOnePackThatFollowsItsDisksAcrossSlots) {
     TestBoard board;
-    createDisks(board, "1G,2G,1G");
+    createDisks(board, "8G,16G,8G");
     std::string out = runOnce(board, {"state DPM"});
     EXPECT_NE(out.find("DISK PACK IS LOADED"), std::string::npos) << out;
 
@@ -153,8 +153,8 @@ TEST(PackSystem, BlankDisksBecomeOnePackThatFollowsItsDisksAcrossSlots) {
 
 TEST(PackSystem, DisksOfTwoPacksLoadNothingAndAreNotWritten) {
     TestBoard a, b;
-    createDisks(a, "1G,1G");
-    createDisks(b, "1G,1G");
+    createDisks(a, "8G,8G");
+    createDisks(b, "8G,8G");
     runOnce(a);
     runOnce(b);
     moveDisk(b.path("slots/0"), a.path("slots/2"));
@@ -169,7 +169,7 @@ TEST(PackSystem, DisksOfTwoPacksLoadNothingAndAreNotWritten) {
 
 TEST(PackSystem, PowerCutInTheMiddleOfAPackWideWriteLeavesEveryDiskAtTheOldGeneration) {
     TestBoard board;
-    createDisks(board, "1G,1G,1G");
+    createDisks(board, "8G,8G,8G");
     runOnce(board);
     // The rename is a pack-wide write with a new generation; the power goes
     // after the first disk's records were handed to the journal.
@@ -194,7 +194,7 @@ TEST(PackSystem, PowerCutInTheMiddleOfAPackWideWriteLeavesEveryDiskAtTheOldGener
 
 TEST(PackSystem, ExpungedDiskIsRefusedAtTheNextStartAndThePackLoadsWithoutIt) {
     TestBoard board;
-    createDisks(board, "1G,1G,1G");
+    createDisks(board, "8G,8G,8G");
     {
         EsaProcess esa(board.dir().string());
         ASSERT_TRUE(esa.waitForConsole()) << esa.output();
@@ -216,7 +216,7 @@ TEST(PackSystem, ExpungedDiskIsRefusedAtTheNextStartAndThePackLoadsWithoutIt) {
 
 TEST(PackSystem, NewerGenerationWinsAndTheOlderDiskIsAbsorbedAtTheNextGeneration) {
     TestBoard board;
-    createDisks(board, "1G,1G,1G");
+    createDisks(board, "8G,8G,8G");
     runOnce(board);
     // Disk 2 is away for one start: the others move on to generation 2.
     moveDisk(board.path("slots/2"), board.path("away"));

@@ -113,11 +113,24 @@ int writeVerifyZM(int argc, char** argv, std::ostream& out) {
     uint32_t zone, offset, length;
     if (!packReady(out)) return -1;
     if (!rangeArguments(argc, argv, 1, zone, offset, length, 0x10000, out)) {
-        out << "usage: writeVerifyZM ZONE OFFSET [LENGTH] [SEED]   (overwrites that stretch of the Zone)\n";
+        out << "usage: writeVerifyZM ZONE OFFSET [LENGTH] [SEED] [verify]   (overwrites that stretch of the Zone;\n"
+               "       with 'verify' it only reads the stretch back, as a host read would, and checks the SEED's pattern)\n";
         return -1;
     }
     uint64_t seed = uint64_t(BoardClock::GetInstance().nanoseconds());
     if (argc > 4 && !number(argv[4], seed, out, "seed")) return -1;
+    if (argc > 5 && std::string(argv[5]) == "verify") {
+        // A pattern written before a restart or a pull: read through the
+        // normal path, which rebuilds what a missing disk held.
+        DataWindow window(length, 0, length);
+        IOTracker tracker(READ_ONLY);
+        StatusCode st = ZoneManager::GetInstance()->ReadData(zone, offset, window, tracker);
+        tracker.commitIfDirty();
+        const bool good = st.ok() && ZoneDataCheck::matches(window, uint32_t(seed), offset, &out);
+        out << "writeVerifyZM: Zone " << zone << " verify " << (good ? "passed" : "FAILED")
+            << (st.ok() ? "" : " (" + st.Dump() + ")") << "\n";
+        return good ? 0 : -1;
+    }
     ZoneDataCheck::Result result;
     const std::vector<ZoneDataCheck::Extent> extent{{offset, length}};
     ZoneDataCheck::writeExtents(zone, uint32_t(seed), extent, result, &out);

@@ -18,6 +18,7 @@ protected:
         ASSERT_TRUE(ctl().pullDisk(slot, where));
         drainMessages();
         ASSERT_EQ(dm()->RemoveDisk(slot), StatusCode::Success);
+        leavePack(uint16_t(slot));
         rm()->RemoveDisk(uint16_t(slot));
         ASSERT_FALSE(DiskPackManager::GetInstance()->isPresent(uint16_t(slot)));
     }

@@ -55,6 +55,7 @@ StatusCode ZoneManager::ReadData(uint32_t zone, uint64_t offset, DataWindow& win
 StatusCode ZoneManager::ReadDataNoLock(uint32_t zone, uint64_t offset, DataWindow& window, IOTracker& tracker,
                                        StripeLocks* locks) {
     ZMDataContext context("ZMReadDataContext", zone, offset, window.GetLength());
+    if (StatusCode st = ZoneTable::GetInstance()->CheckZoneValid(zone); st != StatusCode::Success) return st;
     if (offset + window.GetLength() > zoneSize()) {
         tracef(coutTrace, "ZoneOverflow: read end=%u\n", unsigned(offset + window.GetLength()));
         return StatusCode::ZoneOverflow;
@@ -66,6 +67,7 @@ StatusCode ZoneManager::ReadDataDirect(uint32_t zone, uint64_t offset, DataWindo
                                        bool original) {
     ExtendingLockObject::SharedLockInstance table(&ZoneTable::GetInstance()->tableLock());
     ZMDataContext context("ZMReadDataContext", zone, offset, window.GetLength());
+    if (StatusCode st = ZoneTable::GetInstance()->CheckZoneValid(zone); st != StatusCode::Success) return st;
     if (offset + window.GetLength() > zoneSize()) {
         tracef(coutTrace, "ZoneOverflow: read end=%u\n", unsigned(offset + window.GetLength()));
         return StatusCode::ZoneOverflow;
