@@ -8,7 +8,7 @@
 using namespace DisLayout;
 
 std::array<DisRange, 3> disRangesFor(uint64_t capacity64) {
-    uint32_t capacity = uint32_t(capacity64);
+    uint32_t capacity = packCapacity(capacity64);
     uint32_t middle = (capacity / 0xD200) * 0x6900;
     return {DisRange{0, kRangeSectors}, DisRange{middle, middle + kRangeSectors},
             DisRange{capacity - kRangeSectors, capacity}};

@@ -47,6 +47,11 @@ struct DisRange {
 };
 std::array<DisRange, 3> disRangesFor(uint64_t capacity);
 
+// A disk's capacity as the pack layers count it: LBAs are 32 bits wide, so a
+// disk of 2^32 sectors or more (2 TiB) is used up to 0xFFFFFFFF sectors
+// rather than wrapping to a tiny size.
+inline uint32_t packCapacity(uint64_t sectors) { return sectors > 0xFFFFFFFFull ? 0xFFFFFFFFu : uint32_t(sectors); }
+
 struct DisSector {
     // Global part.
     uint32_t sig0 = DisLayout::kSig0;

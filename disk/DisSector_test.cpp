@@ -103,4 +103,16 @@ TEST(DisSector, RangesSitAtStartMiddleAndEnd) {
     EXPECT_GT(r[1].first + 0x6900, 0x8000000u / 2);
 }
 
+TEST(DisSector, A2TiBDiskKeepsItsRangesInside32BitLbas) {
+    // 2^32 sectors would wrap to 0 as a 32-bit count: the last range must sit
+    // at the top of the 32-bit space, not below sector 0.
+    for (uint64_t sectors : {0x100000000ull, 0x100200000ull}) {
+        auto r = disRangesFor(sectors);
+        EXPECT_EQ(r[2].end, 0xFFFFFFFFu);
+        EXPECT_EQ(r[2].first, 0xFFFFFFFFu - 0x80);
+        EXPECT_EQ(r[1].first, (0xFFFFFFFFu / 0xD200) * 0x6900);
+    }
+    EXPECT_EQ(packCapacity(0x8000000ull), 0x8000000u);
+}
+
 }  // namespace

@@ -3,14 +3,14 @@
 // in DiskPackManagerExpunge.cpp.
 #include "disk/DiskPackManager.h"
 
-#include "system/SystemManager.h"
-
 #include <iomanip>
 #include <sstream>
 
 #include "cache/DiskLBAMetaDataTracker.h"
+#include "disk/DisSector.h"
 #include "disk/DiskManager.h"
 #include "management/EventLogManager.h"
+#include "system/SystemManager.h"
 #include "util/Trace.h"
 
 using namespace DisLayout;
@@ -205,7 +205,7 @@ StatusCode DiskPackManager::getCapacity(uint16_t ld, uint32_t& sectors) {
     uint16_t slot = 0;
     StatusCode st = slotOf(ld, slot);
     if (st != StatusCode::Success) return st;
-    sectors = static_cast<uint32_t>(DiskManager::GetInstance()->GetDriveCapacity(slot));
+    sectors = packCapacity(DiskManager::GetInstance()->GetDriveCapacity(slot));
     return StatusCode::Success;
 }
 

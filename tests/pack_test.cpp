@@ -14,55 +14,14 @@
 
 #include "tests/support/EsaProcess.h"
 #include "tests/support/IndependentReader.h"
+#include "tests/support/PackImage.h"
 #include "tests/support/TestBoard.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-void createDisks(const TestBoard& board, const std::string& sizes) {
-    std::string cmd = esaBinary("esa-board") + " create " + board.dir().string() + " --disks " + sizes + " >/dev/null";
-    ASSERT_EQ(std::system(cmd.c_str()), 0) << cmd;
-}
-
-std::vector<uint8_t> readImage(const fs::path& img, uint64_t lba, uint32_t sectors) {
-    std::vector<uint8_t> out(size_t(sectors) * 512);
-    int fd = ::open(img.c_str(), O_RDONLY);
-    EXPECT_GE(fd, 0) << img;
-    if (fd < 0) return out;
-    EXPECT_EQ(::pread(fd, out.data(), out.size(), off_t(lba * 512)), ssize_t(out.size()));
-    ::close(fd);
-    return out;
-}
-
-uint64_t capacityOf(const fs::path& img) { return fs::file_size(img) / 512; }
-
-// The three range starts of a disk, from the record table's formula.
-std::vector<uint32_t> rangeStarts(uint64_t capacity) {
-    uint32_t cap = uint32_t(capacity);
-    return {0, (cap / 0xD200) * 0x6900, cap - 0x80};
-}
-
-// The live record of each range: the valid one with the highest iteration.
-struct Copy {
-    independent::Dis dis;
-    uint32_t lba = 0;
-};
-std::vector<Copy> liveCopies(const fs::path& img) {
-    std::vector<Copy> copies;
-    for (uint32_t first : rangeStarts(capacityOf(img))) {
-        std::vector<uint8_t> range = readImage(img, first, 0x80);
-        Copy best;
-        for (uint32_t i = 0; i < 0x80; ++i) {
-            independent::Dis d = independent::readDis(range.data() + i * 512);
-            if (!d.valid || (best.dis.valid && d.iteration < best.dis.iteration)) continue;
-            best.dis = d;
-            best.lba = first + i;
-        }
-        copies.push_back(best);
-    }
-    return copies;
-}
+using namespace packimage;
 
 // A digest of an image's data extents (images are sparse).
 std::string imageDigest(const fs::path& img) {
@@ -87,8 +46,6 @@ std::string imageDigest(const fs::path& img) {
     ::close(fd);
     return digest;
 }
-
-fs::path img(const TestBoard& board, int slot) { return board.path("slots/" + std::to_string(slot) + ".img"); }
 
 void moveDisk(const fs::path& fromBase, const fs::path& toBase) {
     fs::rename(fromBase.string() + ".img", toBase.string() + ".img");

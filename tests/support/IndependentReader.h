@@ -140,3 +140,57 @@ inline RecoveryRecord readRecoveryBlock(const uint8_t* s) {
     return r;
 }
 }  // namespace independent
+
+namespace independent {
+// A Zone table copy: the version 8 ZIS header at the start of its Region, and
+// the entries that follow at the table offset (0x1C0 bytes each).
+struct ZisHeader {
+    bool valid = false;  // both signatures, version 8, and the CRC when one is stored
+    uint32_t version = 0, generation = 0, tableOffset = 0, entries = 0, zoneSize = 0;
+    uint16_t flags = 0, disk[3] = {};
+    uint32_t region[3] = {};
+};
+
+inline ZisHeader readZisHeader(const uint8_t* s) {
+    ZisHeader h;
+    uint32_t length = le32(s + 0x0C);
+    h.version = le32(s + 0x10);
+    h.generation = le32(s + 0x14);
+    h.flags = le16(s + 0x18);
+    for (int i = 0; i < 3; ++i) {
+        h.disk[i] = le16(s + 0x1A + 2 * i);
+        h.region[i] = le32(s + 0x20 + 4 * i);
+    }
+    h.tableOffset = le32(s + 0x2C);
+    h.entries = le32(s + 0x30);
+    h.zoneSize = le32(s + 0x34);
+    bool crcGood = false;
+    if (length >= 0x38 && length <= 4096) {
+        std::string copy(reinterpret_cast<const char*>(s), length);
+        std::memset(copy.data() + 8, 0, 4);
+        uint32_t stored = le32(s + 8);
+        crcGood = stored == 0 || crc(reinterpret_cast<const uint8_t*>(copy.data()), length) == stored;
+    }
+    h.valid = le32(s) == 0x5461626C && le32(s + 4) == 0x5A6F6E65 && h.version == 8 && crcGood;
+    return h;
+}
+
+struct ZoneEntry {
+    uint32_t number = 0, type = 0, flags = 0;
+    uint16_t disk[72] = {};
+    uint32_t region[72] = {};
+    bool inUse() const { return flags & 0x04; }
+};
+
+inline ZoneEntry readZoneEntry(const uint8_t* e) {
+    ZoneEntry z;
+    z.number = le32(e);
+    z.type = le32(e + 4);
+    for (int i = 0; i < 72; ++i) {
+        z.disk[i] = le16(e + 8 + 2 * i);
+        z.region[i] = le32(e + 0x98 + 4 * i);
+    }
+    z.flags = le32(e + 0x1B8);
+    return z;
+}
+}  // namespace independent
