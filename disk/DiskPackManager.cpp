@@ -242,16 +242,17 @@ StatusCode DiskPackManager::updateRMLBA(IOTracker& tracker, uint16_t ld, uint32_
 
 // ---- I/O by LD
 
+// The slot of an LD for one I/O; a missing critical LD reboots the system.
+StatusCode DiskPackManager::slotForIo(uint16_t ld, uint16_t& slot) {
+    ExtendingLockObject::SharedLockInstance g(&mDis.globalDISLock);
+    StatusCode st = slotOf(ld, slot);
+    if (st != StatusCode::Success) rebootIfCritical(ld);
+    return st;
+}
+
 StatusCode DiskPackManager::readData(uint16_t ld, DataWindow& window, uint32_t lba, IOTracker& tracker) {
     uint16_t slot = 0;
-    {
-        ExtendingLockObject::SharedLockInstance g(&mDis.globalDISLock);
-        StatusCode st = slotOf(ld, slot);
-        if (st != StatusCode::Success) {
-            rebootIfCritical(ld);
-            return st;
-        }
-    }
+    if (StatusCode st = slotForIo(ld, slot); st != StatusCode::Success) return st;
     uint64_t start = getTimebase();
     StatusCode st = DiskManager::GetInstance()->ReadData(slot, window, lba, tracker);
     mReadTimes.add(getTimebase() - start);
@@ -260,14 +261,7 @@ StatusCode DiskPackManager::readData(uint16_t ld, DataWindow& window, uint32_t l
 
 StatusCode DiskPackManager::writeData(uint16_t ld, DataWindow& window, uint32_t lba, IOTracker& tracker) {
     uint16_t slot = 0;
-    {
-        ExtendingLockObject::SharedLockInstance g(&mDis.globalDISLock);
-        StatusCode st = slotOf(ld, slot);
-        if (st != StatusCode::Success) {
-            rebootIfCritical(ld);
-            return st;
-        }
-    }
+    if (StatusCode st = slotForIo(ld, slot); st != StatusCode::Success) return st;
     uint64_t start = getTimebase();
     StatusCode st = DiskManager::GetInstance()->WriteData(slot, window, lba, tracker, 0);
     mWriteTimes.add(getTimebase() - start);

@@ -174,6 +174,7 @@ private:
     bool mappingValid() const;
     // With "eGlobalDIS" held in either mode.
     StatusCode slotOf(uint16_t ld, uint16_t& slot);
+    StatusCode slotForIo(uint16_t ld, uint16_t& slot);
     StatusCode parallel(bool write, _IORequest* requests, unsigned count, IOTracker& tracker);
     StatusCode findDisInRange(DIS::LogicalDiskContainer& container, unsigned index, DIS*& best);
     void absorbAvailable(bool& updateNeeded);

@@ -13,36 +13,13 @@
 
 #include "disk/PackTestFixture.h"
 #include "system/SystemManager.h"
+#include "tests/support/PackImage.h"
 #include "util/Endian.h"
 
 using namespace DisLayout;
 
 namespace {
 
-// A digest of a disk image's data extents (a sparse image is mostly holes).
-std::string imageDigest(const std::filesystem::path& img) {
-    int fd = ::open(img.c_str(), O_RDONLY);
-    if (fd < 0) return "unreadable";
-    std::string digest;
-    off_t end = ::lseek(fd, 0, SEEK_END);
-    std::vector<char> buf(1 << 16);
-    for (off_t pos = 0; pos < end;) {
-        off_t data = ::lseek(fd, pos, SEEK_DATA);
-        if (data < 0) break;
-        off_t hole = ::lseek(fd, data, SEEK_HOLE);
-        uint32_t crc = 0;
-        for (off_t at = data; at < hole; at += off_t(buf.size())) {
-            ssize_t n = ::pread(fd, buf.data(), std::min<off_t>(off_t(buf.size()), hole - at), at);
-            if (n <= 0) break;
-            crc = independent::crc(reinterpret_cast<uint8_t*>(buf.data()), size_t(n)) ^ (crc * 31);
-        }
-        // Zero runs inside a data extent check to 0 and say nothing: add the span.
-        digest += std::to_string(data) + ":" + std::to_string(hole) + ":" + std::to_string(crc) + ";";
-        pos = hole;
-    }
-    ::close(fd);
-    return digest;
-}
 
 // Rewrites a record's checksums after a field was patched (layout > 9).
 void reseal(uint8_t* s) {
@@ -155,7 +132,7 @@ TEST_F(PackLoad, DisksOfTwoPacksLoadNothingAndStayByteIdentical) {
     ASSERT_EQ(restart([&] {
                   moveDisk(shelfBase("a0"), slotBase(2));
                   moveDisk(shelfBase("a1"), slotBase(3));
-                  for (int s = 0; s < 4; ++s) before[s] = imageDigest(slotBase(s).string() + ".img");
+                  for (int s = 0; s < 4; ++s) before[s] = packimage::imageDigest(slotBase(s).string() + ".img");
               }),
               StatusCode::DiskPackNotLoaded);
     EXPECT_FALSE(dpm()->packLoaded());
@@ -164,7 +141,7 @@ TEST_F(PackLoad, DisksOfTwoPacksLoadNothingAndStayByteIdentical) {
     dpm()->Dump(out);
     EXPECT_NE(out.str().find("NOT LOADED BECAUSE CONFLICTING DISK PACKS"), std::string::npos) << out.str();
     dm()->FlushAllDrives();
-    for (int s = 0; s < 4; ++s) EXPECT_EQ(imageDigest(slotBase(s).string() + ".img"), before[s]) << "slot " << s;
+    for (int s = 0; s < 4; ++s) EXPECT_EQ(packimage::imageDigest(slotBase(s).string() + ".img"), before[s]) << "slot " << s;
 }
 
 TEST_F(PackLoad, ClearTakesTheDisksOfTwoPacks) {
@@ -255,11 +232,11 @@ TEST_F(PackLoad, UnknownLayoutIsRefusedAndUntouched) {
         writeSector(0, lba, s.data());
     }
     dm()->FlushAllDrives();
-    std::string before = imageDigest(slotBase(0).string() + ".img");
+    std::string before = packimage::imageDigest(slotBase(0).string() + ".img");
     EXPECT_EQ(restart(), StatusCode::DiskPackNotLoaded);
     EXPECT_EQ(dpm()->notLoadedReason(), DiskPackManager::kUnknownMetadataVersion);
     dm()->FlushAllDrives();
-    EXPECT_EQ(imageDigest(slotBase(0).string() + ".img"), before);
+    EXPECT_EQ(packimage::imageDigest(slotBase(0).string() + ".img"), before);
 }
 
 TEST_F(PackLoad, FailedSecondStageLocksLoadingOutUntilReboot) {

@@ -60,6 +60,13 @@ protected:
     // the present disks (blank disks in slot order become LDs 0..; Region
     // metadata is created on each as it joins), then the Region layer loads.
     void makePackOnPresentDisks() {
+        ASSERT_EQ(loadPackThroughDiscovery(true), StatusCode::Success);
+    }
+
+    // The pack layer chooses (or, with `clear`, makes) the pack from what the
+    // present disks hold, with a second load stage that only reports success;
+    // then the Region layer loads.
+    StatusCode loadPackThroughDiscovery(bool clear) {
         DiskPackManager* dpm = DiskPackManager::GetInstance();
         dpm->resetForTest();
         dpm->setSecondStageForTest([] {
@@ -67,8 +74,9 @@ protected:
             return true;
         });
         FastBoardClock fast;
-        ASSERT_EQ(dpm->doColdStart(true), StatusCode::Success);
-        ASSERT_EQ(rm()->LoadDiskPack(), StatusCode::Success);
+        StatusCode st = dpm->doColdStart(clear);
+        if (st != StatusCode::Success) return st;
+        return rm()->LoadDiskPack();
     }
 
     // The pack found again as a power-up finds it: the pack layer reads the
@@ -77,16 +85,7 @@ protected:
     StatusCode reloadPackFromDisks() {
         rm()->UnloadDiskPack();
         dlbat()->flush();
-        DiskPackManager* dpm = DiskPackManager::GetInstance();
-        dpm->resetForTest();
-        dpm->setSecondStageForTest([] {
-            DiskPackManager::GetInstance()->diskPackLoadStatus(StatusCode::Success);
-            return true;
-        });
-        FastBoardClock fast;
-        StatusCode st = dpm->doColdStart(false);
-        if (st != StatusCode::Success) return st;
-        return rm()->LoadDiskPack();
+        return loadPackThroughDiscovery(false);
     }
 
     // A disk that joins the pack without the pack layer's Region work (the

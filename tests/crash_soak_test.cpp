@@ -136,13 +136,6 @@ unsigned checkZoneTable(const TestBoard& board, const std::map<uint16_t, DiskRec
     return inUse;
 }
 
-std::vector<unsigned> zonesIn(const std::string& out) {
-    std::vector<unsigned> zones;
-    std::regex line("Allocated Zone ([0-9]+)");
-    for (std::sregex_iterator i(out.begin(), out.end(), line), end; i != end; ++i)
-        zones.push_back(unsigned(std::stoul((*i)[1])));
-    return zones;
-}
 
 }  // namespace
 
@@ -165,7 +158,7 @@ TEST(CrashSoak, EveryStartAfterAPowerCutLoadsAConsistentPack) {
                 while (!stop) {
                     ConsoleResult a = esa.console("alloczones " + std::to_string(1 + r() % 3));
                     if (a.rc == -1000) break;
-                    for (unsigned z : zonesIn(a.output)) live.push_back(z);
+                    for (unsigned z : allocatedZonesIn(a.output)) live.push_back(z);
                     if (live.size() > 2) {
                         size_t k = r() % live.size();
                         if (esa.console("deallocateZone " + std::to_string(live[k])).rc == -1000) break;

@@ -23,30 +23,6 @@ namespace fs = std::filesystem;
 
 using namespace packimage;
 
-// A digest of an image's data extents (images are sparse).
-std::string imageDigest(const fs::path& img) {
-    int fd = ::open(img.c_str(), O_RDONLY);
-    if (fd < 0) return "unreadable";
-    std::string digest;
-    off_t end = ::lseek(fd, 0, SEEK_END);
-    std::vector<uint8_t> buf(1 << 16);
-    for (off_t pos = 0; pos < end;) {
-        off_t data = ::lseek(fd, pos, SEEK_DATA);
-        if (data < 0) break;
-        off_t hole = ::lseek(fd, data, SEEK_HOLE);
-        uint32_t crc = 0;
-        for (off_t at = data; at < hole; at += off_t(buf.size())) {
-            ssize_t n = ::pread(fd, buf.data(), size_t(std::min<off_t>(off_t(buf.size()), hole - at)), at);
-            if (n <= 0) break;
-            crc = independent::crc(buf.data(), size_t(n)) ^ (crc * 31);
-        }
-        digest += std::to_string(data) + ":" + std::to_string(hole) + ":" + std::to_string(crc) + ";";
-        pos = hole;
-    }
-    ::close(fd);
-    return digest;
-}
-
 void moveDisk(const fs::path& fromBase, const fs::path& toBase) {
     fs::rename(fromBase.string() + ".img", toBase.string() + ".img");
     fs::rename(fromBase.string() + ".json", toBase.string() + ".json");

@@ -17,13 +17,6 @@ namespace {
 
 using namespace packimage;
 
-std::vector<unsigned> allocatedZones(const std::string& out) {
-    std::vector<unsigned> zones;
-    std::regex line("Allocated Zone ([0-9]+)");
-    for (std::sregex_iterator i(out.begin(), out.end(), line), end; i != end; ++i)
-        zones.push_back(unsigned(std::stoul((*i)[1])));
-    return zones;
-}
 
 // A clean shutdown through the console: the journals and the disks' caches
 // are written out before the process ends with the restart status.
@@ -43,7 +36,7 @@ TEST(ZoneSystem, PatternsSurviveARestartWithADiskPulled) {
         ASSERT_TRUE(esa.waitForConsole()) << esa.output();
         ConsoleResult alloc = esa.console("alloczones 2");
         ASSERT_EQ(alloc.rc, 0) << alloc.output;
-        zones = allocatedZones(alloc.output);
+        zones = allocatedZonesIn(alloc.output);
         ASSERT_EQ(zones.size(), 2u) << alloc.output;
         for (unsigned z : zones) {
             // Unaligned stretches over several stripe lines.

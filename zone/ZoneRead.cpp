@@ -143,14 +143,23 @@ StatusCode ZoneManager::readMirrorCopy(const ZoneTableEntry& entry, RegionCopy c
                                                   window, tracker);
 }
 
-StatusCode ZoneManager::ReadOriginalData(uint32_t& zone, uint32_t& offset, DataWindow& window, IOTracker& tracker) {
+namespace {
+// What both reads of a piece begin with: the piece lies inside the Zone, and
+// the Zone is in use.
+StatusCode entryForRead(uint32_t zone, uint32_t offset, const DataWindow& window, const char* what,
+                        ZoneTableEntry& entry) {
     if (uint64_t(offset) + window.GetLength() > zoneSize()) {
-        tracef(coutTrace, "ZoneOverflow: original data read start=%u, end=%u\n", offset,
+        tracef(coutTrace, "ZoneOverflow: %s data read start=%u, end=%u\n", what, offset,
                unsigned(offset + window.GetLength()));
         return StatusCode::ZoneOverflow;
     }
+    return ZoneTable::GetInstance()->LookupZone(zone, entry);
+}
+}  // namespace
+
+StatusCode ZoneManager::ReadOriginalData(uint32_t& zone, uint32_t& offset, DataWindow& window, IOTracker& tracker) {
     ZoneTableEntry entry;
-    StatusCode st = ZoneTable::GetInstance()->LookupZone(zone, entry);
+    StatusCode st = entryForRead(zone, offset, window, "original", entry);
     if (!st.ok()) return st;
     const RedundancyType type = entry.type();
     if (isMirrorLike(type)) {
@@ -172,13 +181,8 @@ StatusCode ZoneManager::ReadOriginalData(uint32_t& zone, uint32_t& offset, DataW
 
 StatusCode ZoneManager::ReadReconstructedData(uint32_t& zone, uint32_t& offset, DataWindow& window,
                                               IOTracker& tracker) {
-    if (uint64_t(offset) + window.GetLength() > zoneSize()) {
-        tracef(coutTrace, "ZoneOverflow: reconstructed data read start=%u, end=%u\n", offset,
-               unsigned(offset + window.GetLength()));
-        return StatusCode::ZoneOverflow;
-    }
     ZoneTableEntry entry;
-    StatusCode st = ZoneTable::GetInstance()->LookupZone(zone, entry);
+    StatusCode st = entryForRead(zone, offset, window, "reconstructed", entry);
     if (!st.ok()) return st;
     const RedundancyType type = entry.type();
     if (isMirrorLike(type)) {

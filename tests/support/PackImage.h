@@ -9,7 +9,9 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <algorithm>
 #include <filesystem>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -70,6 +72,41 @@ inline std::vector<Copy> liveCopies(const fs::path& image) {
         copies.push_back(best);
     }
     return copies;
+}
+
+// A digest of an image's data extents (images are sparse): equal digests mean
+// byte-identical images. Zero runs inside an extent check to 0, so the span
+// of every extent is part of the digest.
+inline std::string imageDigest(const fs::path& image) {
+    int fd = ::open(image.c_str(), O_RDONLY);
+    if (fd < 0) return "unreadable";
+    std::string digest;
+    off_t end = ::lseek(fd, 0, SEEK_END);
+    std::vector<uint8_t> buf(1 << 16);
+    for (off_t pos = 0; pos < end;) {
+        off_t data = ::lseek(fd, pos, SEEK_DATA);
+        if (data < 0) break;
+        off_t hole = ::lseek(fd, data, SEEK_HOLE);
+        uint32_t crc = 0;
+        for (off_t at = data; at < hole; at += off_t(buf.size())) {
+            ssize_t n = ::pread(fd, buf.data(), size_t(std::min<off_t>(off_t(buf.size()), hole - at)), at);
+            if (n <= 0) break;
+            crc = independent::crc(buf.data(), size_t(n)) ^ (crc * 31);
+        }
+        digest += std::to_string(data) + ":" + std::to_string(hole) + ":" + std::to_string(crc) + ";";
+        pos = hole;
+    }
+    ::close(fd);
+    return digest;
+}
+
+// The Zones a console "alloczones" reported.
+inline std::vector<unsigned> allocatedZonesIn(const std::string& output) {
+    std::vector<unsigned> zones;
+    std::regex line("Allocated Zone ([0-9]+)");
+    for (std::sregex_iterator i(output.begin(), output.end(), line), end; i != end; ++i)
+        zones.push_back(unsigned(std::stoul((*i)[1])));
+    return zones;
 }
 
 }  // namespace packimage
