@@ -1,12 +1,14 @@
 // Zones on the real esa: Zones allocated on a new pack, a pattern written into
 // them, a clean restart with one disk pulled (the pack loads degraded) and the
 // pattern read back from what the other disks hold; then the console tools
-// that check every Zone type and every copy.
+// that check every Zone type and every copy; a disk pulled while esa runs.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/support/EsaProcess.h"
@@ -81,5 +83,30 @@ TEST(ZoneSystem, EveryZoneTypeTheDisksAllowPassesTheConsoleCheck) {
     ConsoleResult dual = esa.console("testZoneData -dual 8");
     EXPECT_EQ(dual.rc, 0) << dual.output;
     EXPECT_NE(dual.output.find(" 0 failed"), std::string::npos) << dual.output;
+    esa.kill9();
+}
+
+TEST(ZoneSystem, ADiskPulledWhileRunningLeavesItsLdMissingAndTheDataReadable) {
+    TestBoard board;
+    createDisks(board, "8G,8G,8G,8G");
+    EsaProcess esa(board.dir().string());
+    ASSERT_TRUE(esa.waitForConsole()) << esa.output();
+    ConsoleResult alloc = esa.console("alloczones 1");
+    std::vector<unsigned> zones = allocatedZonesIn(alloc.output);
+    ASSERT_EQ(zones.size(), 1u) << alloc.output;
+    const std::string zone = std::to_string(zones[0]);
+    ASSERT_EQ(esa.console("writeVerifyZM " + zone + " 0x3000 0x50000 31").rc, 0);
+    ConsoleResult pulled = esa.console("removeDisk 3");
+    ASSERT_EQ(pulled.rc, 0) << pulled.output;
+    // The hot-plug path runs on its own thread: wait until the pack has let the LD go.
+    std::string state;
+    for (int i = 0; i < 100; ++i) {
+        state = esa.console("state DPM").output;
+        if (state.find("MISSING") != std::string::npos) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    EXPECT_NE(state.find("LD #3 MISSING"), std::string::npos) << state << esa.output();
+    ConsoleResult r = esa.console("writeVerifyZM " + zone + " 0x3000 0x50000 31 verify");
+    EXPECT_EQ(r.rc, 0) << r.output;
     esa.kill9();
 }
