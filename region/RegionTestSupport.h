@@ -44,6 +44,7 @@ protected:
     void TearDown() override {
         rm()->UnloadDiskPack();
         dlbat()->flush();
+        DiskPackManager::GetInstance()->resetForTest();  // no pack outlives its test
         DiskTestFixture::TearDown();
     }
 

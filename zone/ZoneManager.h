@@ -188,7 +188,7 @@ private:
     uint64_t mPotentialZoneCount = 0;
 
     // ---- Zone I/O: state ------------------------------------------------
-    StatusCode readPieces(uint32_t zone, uint32_t offset, DataWindow& window, IOTracker& tracker,
+    StatusCode readPieces(uint32_t zone, uint64_t offset, DataWindow& window, IOTracker& tracker,
                           StripeLocks* locks, int mode);
     StatusCode readStripeColumns(const ZoneTableEntry& entry, uint32_t offset, DataWindow& window,
                                  IOTracker& tracker, bool original);

@@ -55,32 +55,29 @@ StatusCode ZoneManager::ReadData(uint32_t zone, uint64_t offset, DataWindow& win
 StatusCode ZoneManager::ReadDataNoLock(uint32_t zone, uint64_t offset, DataWindow& window, IOTracker& tracker,
                                        StripeLocks* locks) {
     ZMDataContext context("ZMReadDataContext", zone, offset, window.GetLength());
-    if (StatusCode st = ZoneTable::GetInstance()->CheckZoneValid(zone); st != StatusCode::Success) return st;
-    if (offset + window.GetLength() > zoneSize()) {
-        tracef(coutTrace, "ZoneOverflow: read end=%u\n", unsigned(offset + window.GetLength()));
-        return StatusCode::ZoneOverflow;
-    }
-    return readPieces(zone, uint32_t(offset), window, tracker, locks, kOriginalThenReconstructed);
+    return readPieces(zone, offset, window, tracker, locks, kOriginalThenReconstructed);
 }
 
 StatusCode ZoneManager::ReadDataDirect(uint32_t zone, uint64_t offset, DataWindow& window, IOTracker& tracker,
                                        bool original) {
     ExtendingLockObject::SharedLockInstance table(&ZoneTable::GetInstance()->tableLock());
     ZMDataContext context("ZMReadDataContext", zone, offset, window.GetLength());
-    if (StatusCode st = ZoneTable::GetInstance()->CheckZoneValid(zone); st != StatusCode::Success) return st;
-    if (offset + window.GetLength() > zoneSize()) {
-        tracef(coutTrace, "ZoneOverflow: read end=%u\n", unsigned(offset + window.GetLength()));
-        return StatusCode::ZoneOverflow;
-    }
-    return readPieces(zone, uint32_t(offset), window, tracker, nullptr,
+    return readPieces(zone, offset, window, tracker, nullptr,
                       original ? kOriginalOnly : kReconstructedOnly);
 }
 
-StatusCode ZoneManager::readPieces(uint32_t zone, uint32_t offset, DataWindow& window, IOTracker& tracker,
+// The entry is looked up before the Zone size is read: with no pack loaded
+// there is no Zone and no size, and the answer is the lookup's.
+StatusCode ZoneManager::readPieces(uint32_t zone, uint64_t wideOffset, DataWindow& window, IOTracker& tracker,
                                    StripeLocks* locks, int mode) {
     ZoneTableEntry entry;
     StatusCode st = ZoneTable::GetInstance()->LookupZone(zone, entry);
     if (!st.ok()) return st;
+    if (wideOffset + window.GetLength() > zoneSize()) {
+        tracef(coutTrace, "ZoneOverflow: read end=%u\n", unsigned(wideOffset + window.GetLength()));
+        return StatusCode::ZoneOverflow;
+    }
+    const uint32_t offset = uint32_t(wideOffset);
     const uint32_t boundary = entry.GetRegionBoundary();
     if (boundary == 0) {
         tracef(coutTrace, "Zone %lu: regionBoundary = 0\n", (unsigned long)zone);
