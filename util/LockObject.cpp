@@ -19,6 +19,28 @@ void LockObject::LockExclusive() {
     LockOrderChecker::noteAcquired(this, 0);
 }
 
+void LockObject::LockExclusiveBrief() {
+    if (bypass) return;
+    LockOrderChecker::checkAcquire(this, 0, nullptr);
+    Guard g(*mProtection);
+    if (!mLocked && mPending.empty()) {
+        mLocked = true;
+        mOwner = currentLockTask();
+        mBriefOwner.store(mOwner, std::memory_order_relaxed);
+        g.release();  // the protection stays held until LockRelease or Lengthen
+    } else {
+        acquireExclusiveLocked(g, 0);
+    }
+    LockOrderChecker::noteAcquired(this, 0);
+}
+
+void LockObject::Lengthen() {
+    if (bypass) return;
+    if (mBriefOwner.load(std::memory_order_relaxed) != currentLockTask()) return;  // an ordinary hold already
+    mBriefOwner.store(0, std::memory_order_relaxed);
+    mProtection->unlock();
+}
+
 void LockObject::LockShared() {
     if (bypass) return;
     LockOrderChecker::checkAcquire(this, 0, nullptr);
@@ -33,6 +55,14 @@ void LockObject::LockShared() {
 void LockObject::LockRelease() {
     if (bypass) return;
     LockTask self = currentLockTask();
+    if (mBriefOwner.load(std::memory_order_relaxed) == self) {
+        // Nobody can have queued: the protection was held all along.
+        mBriefOwner.store(0, std::memory_order_relaxed);
+        releaseExclusiveLocked();
+        mProtection->unlock();
+        LockOrderChecker::noteReleased(this);
+        return;
+    }
     {
         Guard g(*mProtection);
         if (isExclusive()) {
@@ -52,6 +82,7 @@ void LockObject::LockRelease() {
 bool LockObject::OwnsLock() {
     if (bypass) return true;
     LockTask self = currentLockTask();
+    if (mBriefOwner.load(std::memory_order_relaxed) == self) return true;
     Guard g(*mProtection);
     if (!mLocked) return false;
     if (isExclusive()) return mOwner == self;
@@ -62,7 +93,8 @@ bool LockObject::OwnsLock() {
 
 void LockObject::Dump(std::ostream& out, bool verbose) {
     Guard g(*mProtection, std::defer_lock);
-    if (!bypass) g.lock();
+    // The holder of a brief hold has the protection already.
+    if (!bypass && mBriefOwner.load(std::memory_order_relaxed) != currentLockTask()) g.lock();
     out << "LockObject (" << mName << "): currently ";
     if (!mLocked) {
         out << "not locked\n";

@@ -2,7 +2,18 @@
 // LockObject: a fair shared/exclusive lock with a FIFO queue of waiters.
 // Shared holds are recorded by task, so OwnsLock is exact in both modes and a
 // release by a task that holds nothing is a broken invariant. Held only
-// through the scope helpers ExclusiveLockInstance and SharedLockInstance.
+// through the scope helpers ExclusiveLockInstance, SharedLockInstance and
+// BriefExclusiveLockInstance.
+//
+// A brief hold (LockExclusiveBrief) is for a few dozen instructions that never
+// wait, on the hottest paths (every metadata commit takes two): when the lock
+// is free and nobody queues, the protection stays held for the whole hold, so
+// that the release is one store instead of a second atomic exchange. A taker
+// that comes meanwhile spins on the protection for that moment rather than
+// parking in the queue; the queue order holds for every ordinary hold. A
+// holder that must do something that may wait first calls Lengthen, which
+// makes the hold an ordinary one.
+#include <atomic>
 #include <ostream>
 #include <vector>
 
@@ -15,6 +26,8 @@ public:
     ~LockObject() override;
 
     void LockExclusive();
+    void LockExclusiveBrief();
+    void Lengthen();
     void LockShared();
     void LockRelease();
     bool OwnsLock();
@@ -43,7 +56,23 @@ public:
         LockObject* mLock;
     };
 
+    class BriefExclusiveLockInstance {
+    public:
+        explicit BriefExclusiveLockInstance(LockObject* lock) : mLock(lock) { mLock->LockExclusiveBrief(); }
+        ~BriefExclusiveLockInstance() { mLock->LockRelease(); }
+        void lengthen() { mLock->Lengthen(); }
+        BriefExclusiveLockInstance(const BriefExclusiveLockInstance&) = delete;
+        BriefExclusiveLockInstance& operator=(const BriefExclusiveLockInstance&) = delete;
+
+    private:
+        LockObject* mLock;
+    };
+
 private:
+    // The task in a brief hold, which keeps the protection held; 0 for none.
+    // Written only with the protection held; read without it only by a task
+    // that holds the lock, when no brief hold by another task can exist.
+    std::atomic<LockTask> mBriefOwner{0};
     std::vector<LockTask> mSharedHolders;
     LockProtection::Registry::iterator mListPosition;
 };

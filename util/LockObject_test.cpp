@@ -121,6 +121,79 @@ TEST(LockObject, HammeredFromManyThreadsKeepsExclusionAndSharing) {
     EXPECT_EQ(lock.waiters(), 0u);
 }
 
+// Brief holds keep the protection held and release with a store: mixed with
+// lengthened brief holds, ordinary writers and readers they must still
+// exclude every other holder and leave the lock free with nobody queued.
+TEST(LockObject, BriefHoldsExcludeEveryOtherHolder) {
+    LockObject lock("lTestBrief", 0);
+    std::atomic<int> writersIn{0}, readersIn{0}, violations{0};
+    long counter = 0;
+    constexpr int kThreads = 6, kRounds = 4000;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([&, t] {
+            auto exclusive = [&] {
+                if (writersIn.fetch_add(1) != 0 || readersIn.load() != 0) violations++;
+                ++counter;
+                writersIn--;
+            };
+            for (int i = 0; i < kRounds; ++i) {
+                switch ((i + t) % 4) {
+                    case 0: {
+                        LockObject::BriefExclusiveLockInstance b(&lock);
+                        exclusive();
+                        break;
+                    }
+                    case 1: {
+                        LockObject::BriefExclusiveLockInstance b(&lock);
+                        if (!lock.OwnsLock()) violations++;
+                        b.lengthen();  // others may queue from here
+                        std::this_thread::yield();
+                        exclusive();
+                        break;
+                    }
+                    case 2: {
+                        LockObject::ExclusiveLockInstance x(&lock);
+                        exclusive();
+                        break;
+                    }
+                    default: {
+                        LockObject::SharedLockInstance s(&lock);
+                        readersIn++;
+                        if (writersIn.load() != 0) violations++;
+                        readersIn--;
+                    }
+                }
+            }
+        });
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(violations.load(), 0);
+    EXPECT_EQ(counter, long(kThreads) * kRounds * 3 / 4);
+    EXPECT_FALSE(lock.isLocked());
+    EXPECT_EQ(lock.waiters(), 0u);
+}
+
+TEST(LockObject, ABriefHolderCanDumpAndAfterLengthenOthersQueue) {
+    LockObject lock("lTestBriefQueue", 0);
+    lock.LockExclusiveBrief();
+    EXPECT_TRUE(lock.OwnsLock());
+    std::ostringstream out;
+    lock.Dump(out, false);  // the holder has the protection already: must not wait on itself
+    EXPECT_NE(out.str().find("LOCKED Exclusive by: tUnitTest"), std::string::npos) << out.str();
+    lock.Lengthen();
+    bool got = false;
+    std::thread waiter([&] {
+        LockObject::BriefExclusiveLockInstance b(&lock);  // held: an ordinary queued take
+        got = true;
+    });
+    ASSERT_TRUE(eventually([&] { return lock.waiters() == 1; }));
+    EXPECT_FALSE(got);
+    lock.LockRelease();
+    waiter.join();
+    EXPECT_TRUE(got);
+    EXPECT_FALSE(lock.isLocked());
+}
+
 TEST(LockObject, DumpNamesHoldersAndWaiters) {
     LockObject lock("lTestDump", 7);
     lock.LockExclusive();

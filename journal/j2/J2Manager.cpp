@@ -162,7 +162,7 @@ StatusCode J2Manager::addWrite(unsigned short drive, const DiskPane* pane, DataW
         lba + length / kSectorSize > 0x100000000ull)
         return StatusCode::BadIOLength;
     tracker.markDirty();
-    LockObject::ExclusiveLockInstance g(&mBuildListLock);
+    LockObject::BriefExclusiveLockInstance g(&mBuildListLock);
     J2set* set = findSet(tracker.getID(), nullptr);
     if (!set) {
         ESA_TRACE(j2Trace, "making new atomic set for transaction 0x" << std::hex << tracker.getID() << std::dec);
@@ -176,6 +176,7 @@ StatusCode J2Manager::addWrite(unsigned short drive, const DiskPane* pane, DataW
     // A set that cannot fit an empty journalette is refused before it is
     // changed, so that no commit ever waits for space that cannot come.
     if (need.payload + length > kPayloadSize || need.ctrl + kTranSize > kCtrlSize) {
+        g.lengthen();
         ESA_CONSOLE("ATOMIC SET 0x" << std::hex << set->id << std::dec << " TOO LARGE FOR JOURNAL, needs = "
                                     << need.payload + length << " journal = " << kPayloadSize);
         return StatusCode::OutOfSpace;
@@ -190,6 +191,7 @@ StatusCode J2Manager::addWrite(unsigned short drive, const DiskPane* pane, DataW
     t->injectError = tracker.flags & IOTracker::kFailNextIo;
     need.ctrl += kTranSize;
     need.payload += length;
+    set->slots |= 1u << drive;
     set->append(t);
     if (t->clid && J2CacheHooks::get().markRangeDirty) J2CacheHooks::get().markRangeDirty(t->clid);
     return StatusCode::Success;
@@ -241,7 +243,7 @@ StatusCode J2Manager::commit(IOTracker& tracker) {
         return StatusCode::DiskPackNotLoaded;
     }
     StatusCode result = StatusCode::Success;
-    mBuildListLock.LockExclusive();
+    mBuildListLock.LockExclusiveBrief();
     J2set* prev = nullptr;
     J2set* set = findSet(tracker.getID(), &prev);
     if (!set) {
@@ -262,9 +264,9 @@ StatusCode J2Manager::commit(IOTracker& tracker) {
 }
 
 bool J2Manager::spaceCheck(J2set* set) {
-    for (unsigned s = 0; s < kMaxDisks; ++s) {
+    for (unsigned m = set->slots; m; m &= m - 1) {
+        const unsigned s = unsigned(__builtin_ctz(m));
         const J2set::Need& n = set->need[s];
-        if (n.payload == 0) continue;
         if (n.payload >= kLargeSetPayload)
             ESA_TRACE(j2Trace, "!!!!! ATOMIC SET > 60% OF JOURNAL " << s << "set payload = " << n.payload
                                                                     << ", max space = " << kPayloadSize);
@@ -272,6 +274,7 @@ bool J2Manager::spaceCheck(J2set* set) {
         if (space[s].ctrl < n.ctrl) what = "ctrl";
         else if (space[s].payload < n.payload) what = "payload";
         if (!what) continue;
+        mSoftLock.Lengthen();
         ESA_TRACE(j2Trace, "J2Manager::commit (J2set *, J2set *): spilling soft J2 because of "
                                << (what[0] == 'c' ? n.ctrl : n.payload) << " bytes of " << what
                                << " space in journalette " << s);
@@ -292,12 +295,15 @@ StatusCode J2Manager::commit(J2set* set, J2set* prev) {
     if (prev) prev->next = set->next;
     else mBuildList = set->next;
     mBuildListLock.LockRelease();
-    LockObject::ExclusiveLockInstance soft(&mSoftLock);
+    // A brief hold, made ordinary (lengthen) before anything that may wait:
+    // a spill, a console message, a reboot.
+    LockObject::BriefExclusiveLockInstance soft(&mSoftLock);
 
     // A slot that lost its disk after the write was added cannot take its
     // records: the whole set is refused, before anything reaches the journal.
-    for (unsigned s = 0; s < kMaxDisks; ++s)
-        if (set->need[s].payload && dh(s).getValid() == 0) {
+    for (unsigned m = set->slots; m; m &= m - 1)
+        if (const unsigned s = unsigned(__builtin_ctz(m)); dh(s).getValid() == 0) {
+            soft.lengthen();
             ESA_CONSOLE("J2Manager::commit: slot " << s << " lost its disk before commit of set 0x" << std::hex
                                                    << set->id << std::dec << "; set discarded");
             rebootIfCritical(uint16_t(s));
@@ -334,8 +340,7 @@ StatusCode J2Manager::commit(J2set* set, J2set* prev) {
             uint16_t secs = uint16_t(t->length / kSectorSize);
             ESA_ASSERT_OP(secs, <, kInjectBit);
             putLE16(tr.numSecs, uint16_t(secs | (t->injectError ? kInjectBit : 0)));
-            J2Nvram::storeBytes(load[d].ctrl + kSetHeadSize + diskTran[d] * kTranSize, &tr, sizeof tr,
-                                "j2.commit.tran");
+            J2Nvram::storeRecord(load[d].ctrl + kSetHeadSize + diskTran[d] * kTranSize, tr, "j2.commit.tran");
             if (t->pane.address) {
                 J2Nvram::storeBytes(load[d].payload, t->pane.address, t->length, "j2.commit.data");
             } else {
@@ -356,9 +361,9 @@ StatusCode J2Manager::commit(J2set* set, J2set* prev) {
     }
 
     bool listPlaced = false;
-    unsigned char* records[kMaxDisks] = {};
-    for (unsigned s = 0; s < kMaxDisks; ++s) {
-        if (diskTran[s] == 0) continue;
+    unsigned char* records[kMaxDisks];
+    for (unsigned m = set->slots; m; m &= m - 1) {
+        const unsigned s = unsigned(__builtin_ctz(m));
         unsigned char* rec = load[s].ctrl;
         records[s] = rec;
         auto* head = reinterpret_cast<AtomicSetHead*>(rec);
@@ -381,22 +386,25 @@ StatusCode J2Manager::commit(J2set* set, J2set* prev) {
         // The whole head of the next record place is cleared, not only its
         // mark: a record left there by an earlier start must never be taken
         // for part of a later set.
-        J2Nvram::zero(load[s].ctrl, kSetHeadSize, "j2.commit.nextHead");
+        J2Nvram::storeRecord(load[s].ctrl, AtomicSetHead{}, "j2.commit.nextHead");
         // Already dirty from an earlier set: storing 0 again would change nothing.
         if (dh(s).getClean() != 0) J2Nvram::store16(dh(s).clean, 0, "j2.commit.clean");
         space[s].ctrl -= set->need[s].ctrl;
         space[s].payload -= set->need[s].payload;
     }
     // The commit point: the marks, in slot order, with nothing between them.
-    for (unsigned s = 0; s < kMaxDisks; ++s)
-        if (records[s]) J2Nvram::store16(reinterpret_cast<AtomicSetHead*>(records[s])->mark, kMark, "j2.commit.mark");
-    for (unsigned s = 0; s < kMaxDisks; ++s)
-        if (records[s]) {
-            mLastRecord[s] = records[s];
-            mLastId[s] = set->id;
-        }
+    for (unsigned m = set->slots; m; m &= m - 1)
+        J2Nvram::store16(reinterpret_cast<AtomicSetHead*>(records[__builtin_ctz(m)])->mark, kMark, "j2.commit.mark");
+    for (unsigned m = set->slots; m; m &= m - 1) {
+        const unsigned s = unsigned(__builtin_ctz(m));
+        mLastRecord[s] = records[s];
+        mLastId[s] = set->id;
+    }
 
-    if (set->flags & J2set::kFlushWanted) softSpill(false);
+    if (set->flags & J2set::kFlushWanted) {
+        soft.lengthen();
+        softSpill(false);
+    }
     if (mSyncCount && (set->flags & J2set::kSyncWanted)) {
         if (--mSyncCount == 0) semGive(mSyncDone);
     }

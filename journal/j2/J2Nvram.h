@@ -11,10 +11,12 @@
 // stores are dropped, exactly as if the board had lost power at that point.
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <atomic>
 #include <functional>
 
 #include "util/CrashPoint.h"
+#include "util/Endian.h"
 
 class J2Nvram {
 public:
@@ -30,10 +32,31 @@ public:
         return reachedChecked(point);
     }
 
-    static void store16(void* at, uint16_t value, const char* point);
-    static void store32(void* at, uint32_t value, const char* point);
-    static void store64(void* at, uint64_t value, const char* point);
+    // The small stores are inline: a commit makes half a dozen of them.
+    static void store16(void* at, uint16_t value, const char* point) {
+        if (!reached(point)) return;
+        putLE16(static_cast<uint8_t*>(at), value);
+        std::atomic_thread_fence(std::memory_order_release);
+    }
+    static void store32(void* at, uint32_t value, const char* point) {
+        if (!reached(point)) return;
+        putLE32(static_cast<uint8_t*>(at), value);
+        std::atomic_thread_fence(std::memory_order_release);
+    }
+    static void store64(void* at, uint64_t value, const char* point) {
+        if (!reached(point)) return;
+        putLE64(static_cast<uint8_t*>(at), value);
+        std::atomic_thread_fence(std::memory_order_release);
+    }
     static void storeBytes(void* at, const void* from, size_t bytes, const char* point);
+    // A small record of fixed size (a transaction entry, a cleared head), in
+    // one inline copy.
+    template <class Record>
+    static void storeRecord(void* at, const Record& record, const char* point) {
+        if (!reached(point)) return;
+        std::memcpy(at, &record, sizeof record);
+        std::atomic_thread_fence(std::memory_order_release);
+    }
     static void zero(void* at, size_t bytes, const char* point);
 
 private:

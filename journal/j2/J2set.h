@@ -84,7 +84,7 @@ struct J2set : ObjectPool<J2set> {
     }
     // Gives a committed sub-transaction back, its data reference dropped.
     void retire(J2subTran* t) {
-        t->window.clear();
+        if (t->window.GetLength()) t->window.clear();
         t->clid = nullptr;
         t->pane = DiskPane{nullptr, 0};
         t->injectError = false;
@@ -98,7 +98,8 @@ struct J2set : ObjectPool<J2set> {
         head = tail = nullptr;
         clids.clear();
         flags = 0;
-        for (Need& n : need) n = Need{};
+        for (unsigned m = slots; m; m &= m - 1) need[__builtin_ctz(m)] = Need{};
+        slots = 0;
     }
     J2set* next = nullptr;
     uint64_t id = 0;
@@ -107,6 +108,9 @@ struct J2set : ObjectPool<J2set> {
     J2subTran* spare = nullptr;  // retired sub-transactions, for the next use of this set
     clidTracker clids;
     uint32_t flags = 0;
+    // The slots with at least one write (bit n for slot n): the commit visits
+    // only these, in slot order.
+    uint32_t slots = 0;
     Need need[j2::kMaxDisks];
 
     static void freeChain(J2subTran* t) {
