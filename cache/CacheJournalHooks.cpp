@@ -5,7 +5,8 @@
 // read the disk's older copy back, nor write it itself and race the journal;
 // the pin goes once the spill has flushed the disk's cache. After a replay the
 // disk holds newer data than any cached read of that slot, so the slot's
-// "dlbat" set is dropped.
+// "dlbat" set is dropped. A set the journal refuses at commit gives its
+// ranges back undirtied and their data dropped, since it never became durable.
 #include "cache/CacheTrackerObject.h"
 #include "cache/DiskLBAMetaDataTracker.h"
 #include "journal/j2/J2CacheHooks.h"
@@ -19,6 +20,7 @@ struct JoinJournal {
         h.markRangeClean = [](CacheTrackerObject* c) { c->MarkRangeClean(); };
         h.allowEviction = [](CacheTrackerObject* c) { c->AllowEviction(); };
         h.clearSet = [](unsigned slot) { DiskLBAMetaDataTracker::GetInstance()->ClearSet(slot); };
+        h.discardRange = [](CacheTrackerObject* c, unsigned marks) { c->DiscardJournalled(marks); };
     }
 } gJoinJournal;
 }  // namespace

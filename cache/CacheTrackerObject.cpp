@@ -56,6 +56,26 @@ void CacheTrackerObject::AllowEviction() {
     delete this;
 }
 
+void CacheTrackerObject::DiscardJournalled(unsigned marks) {
+    {
+        std::lock_guard<std::mutex> g(mStateLock);
+        for (CRO* cro : mCROs) {
+            ESA_ASSERT_OP(cro->mDirtyCount, >=, marks);
+            cro->mDirtyCount -= marks;
+        }
+        mDirty = false;
+    }
+    // Still locked by the refused transaction: nobody has read the data yet.
+    mOwner.ClearCTO(this);
+    {
+        std::lock_guard<std::mutex> g(mStateLock);
+        // Pinned by an earlier commit of the same transaction: the last
+        // AllowEviction frees it; not yet unlocked: the caller's unlock does.
+        if (!mUnlocked || mEvictionLocks != 0) return;
+    }
+    delete this;
+}
+
 bool CacheTrackerObject::ReleaseByCaller() {
     // A CTO the journal never saw is its caller's alone: no lock needed.
     if (!mJournalled) return !mDirty;

@@ -34,6 +34,11 @@ public:
     // Drops one PreventEviction; the last one destroys the CTO once its
     // caller has unlocked it.
     void AllowEviction();
+    // The journal refused the set that took `marks` MarkRangeDirty of it: the
+    // marks go, and the data are dropped from the cache (they never became
+    // durable, so no reader may see them). Frees the CTO when its caller has
+    // unlocked it and nothing pins it.
+    void DiscardJournalled(unsigned marks);
     // The caller's UnlockRange is done with it: true when nothing else holds
     // it (neither dirty for an uncommitted set nor pinned), so it may go now.
     bool ReleaseByCaller();

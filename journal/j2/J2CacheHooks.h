@@ -15,6 +15,11 @@
 //                    for every preventEviction, in journal order.
 //   clearSet(slot)   after a replay at start or hot add: the disk holds newer
 //                    data than any cached read of that slot.
+//   discardRange(clid, marks)  when a set is refused at commit (a slot lost
+//                    its disk after the write was added): the `marks` dirty
+//                    marks it took are dropped and the data, which never
+//                    became durable, must not be served again. Once per
+//                    distinct object, before the transaction's locks fall.
 // The cache asks for room with J2Manager::requestSpill(), which never waits.
 class CacheTrackerObject;
 
@@ -24,6 +29,7 @@ struct J2CacheHooks {
     void (*markRangeClean)(CacheTrackerObject* clid) = nullptr;
     void (*allowEviction)(CacheTrackerObject* clid) = nullptr;
     void (*clearSet)(unsigned slot) = nullptr;
+    void (*discardRange)(CacheTrackerObject* clid, unsigned marks) = nullptr;
 
     static J2CacheHooks& get() {
         static J2CacheHooks hooks;

@@ -5,6 +5,7 @@
 // asks the journal for a spill and gets going again once the spill runs.
 #include <atomic>
 #include <cstring>
+#include <sstream>
 #include <thread>
 
 #include "cache/CacheTrackerObject.h"
@@ -142,6 +143,35 @@ TEST_F(J2CachePinningTest, ACallerThatCommitsBeforeUnlockingKeepsItsRangePinnedT
     EXPECT_EQ(generationOf(0, 40, 4), 3);
     pressPool(0, 8192);
     EXPECT_FALSE(cached(0, 40));
+}
+
+// A set over two disks whose second disk goes between the write and the
+// commit is refused whole: the first disk's range must not keep serving the
+// refused data (it never became durable) nor stay dirty, unevictable, forever.
+TEST_F(J2CachePinningTest, ASetRefusedAtCommitLeavesNeitherItsDataNorADirtyRangeInTheCache) {
+    startJournal({"16M", "16M"});
+    for (uint32_t d = 0; d < 2; ++d) {
+        writeDisk(int(d), 100, 8, 1);
+        ASSERT_EQ(readThrough(d, 100, 8), sectors(8, 1, 100, int(d)));
+    }
+    const size_t ctosBefore = ObjectPool<CacheTrackerObject>::allocated();
+    {
+        IOTracker w(READ_WRITE);
+        for (uint32_t d = 0; d < 2; ++d) {
+            auto newer = sectors(8, 2, 100, int(d));
+            ASSERT_EQ(dlbat()->WriteThroughCache(newer.data(), 8, d, 100, false, w), StatusCode::Success);
+        }
+        j2->hotPlug(1, hotRemove);
+        EXPECT_EQ(w.commit(), StatusCode::DiskNotPresent);
+    }
+    EXPECT_EQ(ObjectPool<CacheTrackerObject>::allocated(), ctosBefore) << "the refused set's cache objects leaked";
+    EXPECT_EQ(readThrough(0, 100, 8), sectors(8, 1, 100, 0)) << "the cache served data of a refused set";
+    j2->forceFlush(false);
+    EXPECT_EQ(generationOf(0, 100, 8), 1);
+    std::ostringstream check;
+    EXPECT_TRUE(dlbat()->internalConsistencyCheck(check)) << check.str();
+    pressPool(0, 4096);
+    EXPECT_FALSE(cached(0, 100)) << "the refused range stayed dirty and could not be evicted";
 }
 
 TEST_F(J2CachePinningTest, APoolFullOfPinnedRangesAsksForASpillAndMovesOnOnceItRuns) {

@@ -258,9 +258,30 @@ StatusCode J2Manager::commit(IOTracker& tracker) {
         }
     } else {
         result = commit(set, prev);  // releases lJ2BuildList
+        if (result == StatusCode::DiskNotPresent) discardSet(set);
     }
     tracker.lockRelease();
     return result;
+}
+
+void J2Manager::discardSet(J2set* set) {
+    // Each cache object once, with the number of dirty marks the set took of
+    // it (one per write and per addClid).
+    std::vector<std::pair<CacheTrackerObject*, unsigned>> marks;
+    auto note = [&](CacheTrackerObject* clid) {
+        for (auto& m : marks)
+            if (m.first == clid) {
+                ++m.second;
+                return;
+            }
+        marks.emplace_back(clid, 1u);
+    };
+    for (J2subTran* t = set->head; t; t = t->next)
+        if (t->clid) note(t->clid);
+    for (clidTracker::elem* e = set->clids.head(); e; e = e->next) note(e->clid);
+    if (J2CacheHooks::get().discardRange)
+        for (auto& [clid, n] : marks) J2CacheHooks::get().discardRange(clid, n);
+    delete set;
 }
 
 bool J2Manager::spaceCheck(J2set* set) {
@@ -307,8 +328,7 @@ StatusCode J2Manager::commit(J2set* set, J2set* prev) {
             ESA_CONSOLE("J2Manager::commit: slot " << s << " lost its disk before commit of set 0x" << std::hex
                                                    << set->id << std::dec << "; set discarded");
             rebootIfCritical(uint16_t(s));
-            delete set;
-            return StatusCode::DiskNotPresent;
+            return StatusCode::DiskNotPresent;  // the caller discards the set, outside the journal's locks
         }
     while (!spaceCheck(set)) {
     }

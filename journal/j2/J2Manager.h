@@ -149,6 +149,9 @@ private:
     // A committed set becomes this thread's spare (one deep; an older spare is freed).
     void retireSet(J2set* set);
     bool spaceCheck(J2set* set);
+    // A set refused at commit: its cache ranges are given back (discardRange)
+    // and it is freed. Called with none of the journal's locks held.
+    void discardSet(J2set* set);
     Committed walkCommitted(unsigned slot) const;
     unsigned repairTornMarks();
     void buildPartition();
