@@ -8,6 +8,7 @@
 #include "cache/ZoneMetaDataTracker.h"
 #include "include/DrivePackInfo.h"
 #include "management/EventLogManager.h"
+#include "region/RegionManager.h"
 #include "system/SystemManager.h"
 #include "util/Trace.h"
 #include "zone/ZoneManager.h"
@@ -187,7 +188,28 @@ StatusCode Zone0InfoTable::WriteArea(unsigned entry, const uint8_t* buffer, uint
 }
 
 bool Zone0InfoTable::initializeAllowed() const {
-    return SystemManager::GetInstance()->clearDiskRequested() || ZoneManager::GetInstance()->zoneZeroBornThisLoad();
+    return SystemManager::GetInstance()->clearDiskRequested() || ZoneManager::GetInstance()->zoneZeroBornThisLoad() ||
+           mNeverLaidOut;
+}
+
+bool Zone0InfoTable::zoneZeroOwned() {
+    // Without recovery space no owner is kept: the directory's absence cannot
+    // be told from its loss, so it counts as owned (never initialised over).
+    RegionManager* rm = RegionManager::GetInstance();
+    if (!rm->RecoverySpaceEnabled()) return true;
+    ZoneTableEntry zero;
+    if (ZoneTable::GetInstance()->RawLookupZone(0, zero) != StatusCode::Success) return true;
+    IOTracker tracker(READ_ONLY);
+    bool owned = true;
+    for (unsigned s = 0; s < ZoneTableEntry::kSlots; ++s) {
+        if (zero.region[s] == 0) continue;
+        _ZoneOwnership owner;
+        if (rm->GetZoneOwnership(zero.disk[s], zero.region[s], owner, tracker) != StatusCode::Success) continue;
+        owned = owner.owner == _ZoneOwnership::kZ0IT;
+        break;
+    }
+    tracker.commitIfDirty();
+    return owned;
 }
 
 StatusCode Zone0InfoTable::InitializeDiskPack() {
@@ -197,7 +219,11 @@ StatusCode Zone0InfoTable::InitializeDiskPack() {
     }
     mTable = Zone0Directory::Empty();
     IOTracker tracker(READ_WRITE);
+    // The first directory and Zone 0's owner go in one set: a power cut
+    // leaves both or neither, so the next load still knows the Zone was
+    // never laid out.
     StatusCode st = WriteZ0IT(tracker);
+    if (st == StatusCode::Success && mNeverLaidOut) st = stampZoneZero(tracker);
     StatusCode c = tracker.commit();
     return st != StatusCode::Success ? st : c;
 }
@@ -216,7 +242,21 @@ StatusCode Zone0InfoTable::LoadZ0IT(bool readOnly) {
         postEvent("Z0IT: upgrade Z0IT from v2 to v3");
         mTable.UpgradeFromVersion2();
     }
+    // No directory on a Zone 0 no directory ever owned: the start that made
+    // the pack was cut before it laid the directory out. The owner is then
+    // stamped with the directory, not before it.
+    mNeverLaidOut = !mTable.signatureValid() && !zoneZeroOwned();
+    if (mNeverLaidOut) {
+        postEvent("Z0IT: Zone 0 was never laid out - its directory will be made");
+        return StatusCode::Success;
+    }
     IOTracker tracker(READ_WRITE);
+    StatusCode st = stampZoneZero(tracker);
+    StatusCode c = tracker.commit();
+    return st != StatusCode::Success ? st : c;
+}
+
+StatusCode Zone0InfoTable::stampZoneZero(IOTracker& tracker) {
     ZoneTable& table = *ZoneTable::GetInstance();
     StatusCode st = StatusCode::Success;
     {
@@ -235,8 +275,7 @@ StatusCode Zone0InfoTable::LoadZ0IT(bool readOnly) {
         owner.words[0] = 0;
         if (st == StatusCode::Success) st = ZoneManager::GetInstance()->SetZoneOwnership(0, owner, tracker);
     }
-    StatusCode c = tracker.commit();
-    return st != StatusCode::Success ? st : c;
+    return st;
 }
 
 StatusCode Zone0InfoTable::Validate() {
@@ -261,6 +300,7 @@ StatusCode Zone0InfoTable::LoadDiskPack() { return LoadDiskPack(false); }
 
 StatusCode Zone0InfoTable::LoadDiskPack(bool readOnly) {
     mMemoryZone = false;
+    mNeverLaidOut = false;
     StatusCode st = LoadZ0IT(readOnly);
     if (st != StatusCode::Success && st != StatusCode::ReadOnlyMode) return st;
     mLoaded = true;
@@ -285,6 +325,7 @@ StatusCode Zone0InfoTable::LoadDiskPack(bool readOnly) {
 
 StatusCode Zone0InfoTable::UnloadDiskPack() {
     mLoaded = false;
+    mNeverLaidOut = false;
     mTable = Zone0Directory{};
     if (mMemoryZone) UseMemoryZone();
     return StatusCode::Success;

@@ -77,11 +77,18 @@ private:
     StatusCode writeZone(uint64_t offset, const uint8_t* buffer, uint32_t length, IOTracker& tracker);
     uint64_t zoneSize() const;
     bool initializeAllowed() const;
+    // True when a Region of Zone 0 says the directory owns it: set with the
+    // first directory ever written on the pack, so an unowned Zone 0 with no
+    // directory is one whose making was cut short, not a damaged one.
+    bool zoneZeroOwned();
+    // Zone 0's flags and its Regions' owner, within `tracker`.
+    StatusCode stampZoneZero(IOTracker& tracker);
     void postEvent(const std::string& text);
 
     LockObject mLock;
     Zone0Directory mTable;
     bool mLoaded = false;
     bool mMemoryZone = false;
+    bool mNeverLaidOut = false;  // this load found no directory on an unowned Zone 0
     std::map<uint64_t, std::vector<uint8_t>> mMemory;  // 512-byte sectors of an in-memory Zone 0
 };

@@ -127,6 +127,35 @@ TEST_F(Zone0OnDisks, ABadSignatureOnAnExistingPackIsNotInitialisedOver) {
     EXPECT_FALSE(z0()->loaded());
 }
 
+// A power cut after the pack was made but before its first directory was
+// written leaves Zone 0 without directory and without owner: the next load
+// lays the directory out (and stamps the owner with it) instead of refusing a
+// pack that holds nothing yet.
+TEST_F(Zone0OnDisks, AZoneZeroWhoseMakingWasCutGetsItsDirectoryAtTheNextLoad) {
+    makeLoadedPack();
+    ZoneTableEntry zero;
+    table().RawLookupZone(0, zero);
+    {
+        IOTracker t(READ_WRITE);
+        for (unsigned s = 0; s < ZoneTableEntry::kSlots; ++s) {
+            if (zero.region[s] == 0) continue;
+            ASSERT_EQ(rm()->SetZoneOwnership(zero.disk[s], zero.region[s], {}, t), StatusCode::Success);
+        }
+        ASSERT_EQ(t.commit(), StatusCode::Success);
+    }
+    writeDirectoryEverywhere(std::vector<uint8_t>(8 * 512, 0));
+    ASSERT_EQ(restart(), StatusCode::Success);
+    EXPECT_EQ(std::memcmp(directoryOnDisk().data(), "InfoTabl", 8), 0);
+    IOTracker t(READ_ONLY);
+    for (unsigned s : {0u, 47u}) {
+        _ZoneOwnership owner;
+        ASSERT_EQ(rm()->GetZoneOwnership(zero.disk[s], zero.region[s], owner, t), StatusCode::Success);
+        EXPECT_EQ(owner.owner, _ZoneOwnership::kZ0IT) << "slot " << s;
+    }
+    t.commitIfDirty();
+    ASSERT_EQ(restart(), StatusCode::Success) << "the directory made at that load is found again";
+}
+
 TEST_F(Zone0OnDisks, ABadChecksumFailsTheLoad) {
     makeLoadedPack();
     ASSERT_EQ(z0()->CreateEntry(11, 1, 4096, "SM-Z0IT"), StatusCode::Success);

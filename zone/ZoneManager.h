@@ -184,6 +184,9 @@ private:
     bool mPackLoaded = false;
     bool mReadOnly = false;
     bool mZoneZeroBorn = false;
+    // Zone 1, the relayout staging Zone, right after Zone 0 (a new pack, or
+    // one whose making was cut between the two).
+    StatusCode createZoneOne();
     uint8_t mStripingThreshold = 50;
     uint64_t mPotentialZoneCount = 0;
 

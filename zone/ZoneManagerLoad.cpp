@@ -38,6 +38,13 @@ StatusCode ZoneManager::LoadDiskPack() {
         }
         zoneZeroValid = table.CheckZoneValid(kZoneZero) == StatusCode::Success;
     }
+    if (!zoneZeroValid && mReadOnly && table.entriesCreated() == 0) {
+        // A pack whose making was cut before its first Zone: no Zone, so no
+        // disk is critical; the read-write load makes Zones 0 and 1.
+        tracker.commitIfDirty();
+        mPackLoaded = true;
+        return StatusCode::Success;
+    }
     if (!zoneZeroValid && mReadOnly) {
         ESA_CONSOLE("Unable to load disk pack and read-only mode enabled");
         tracker.commitIfDirty();
@@ -67,17 +74,15 @@ StatusCode ZoneManager::LoadDiskPack() {
             if (st == StatusCode::Success) st = c;
             if (st != StatusCode::Success) ESA_CONSOLE("ZoneManager::LoadDiskPack: first block of Zone 0 - " << st);
         }
-        ESA_CONSOLE("Creating ZoneOne");
-        IOTracker second(READ_WRITE);
-        st = AllocateZone(zone, second);
-        StatusCode c = second.commit();
-        if (st != StatusCode::Success || zone != kZoneOne) {
-            ESA_CONSOLE("ZoneManager::LoadDiskPack: Zone 1 came out as " << zone << " - " << st);
-            return StatusCode::InitFailed;
-        }
-        if (c != StatusCode::Success) return c;
+        st = createZoneOne();
+        if (st != StatusCode::Success) return st;
     } else {
         tracker.commitIfDirty();
+        if (!mReadOnly && table.entriesCreated() == 1) {
+            // The start that made Zone 0 was cut before it made Zone 1.
+            st = createZoneOne();
+            if (st != StatusCode::Success) return st;
+        }
     }
     if (!mReadOnly) {
         IOTracker cleanup(READ_WRITE);
@@ -105,6 +110,19 @@ StatusCode ZoneManager::LoadDiskPack() {
     probe.commitIfDirty();
     mPackLoaded = true;
     return StatusCode::Success;
+}
+
+StatusCode ZoneManager::createZoneOne() {
+    ESA_CONSOLE("Creating ZoneOne");
+    IOTracker second(READ_WRITE);
+    uint32_t zone = 0xFFFFFFFF;
+    StatusCode st = AllocateZone(zone, second);
+    StatusCode c = second.commit();
+    if (st != StatusCode::Success || zone != kZoneOne) {
+        ESA_CONSOLE("ZoneManager::LoadDiskPack: Zone 1 came out as " << zone << " - " << st);
+        return StatusCode::InitFailed;
+    }
+    return c;
 }
 
 StatusCode ZoneManager::UnloadDiskPack() {

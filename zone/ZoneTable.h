@@ -110,6 +110,8 @@ private:
     StatusCode writeEntryToCopies(uint32_t zone, const ZoneTableEntry& entry, IOTracker& tracker);
     StatusCode writeZoneRecoveryBlocks(const ZoneTableEntry& entry, IOTracker& tracker);
     StatusCode createTable(IOTracker& tracker);
+    // True when some loaded disk has a Region allocated beyond its reserved ones.
+    bool regionsInUse(IOTracker& tracker);
     StatusCode repairCopy(unsigned copy, bool allowAvoided, uint32_t minFree, IOTracker& tracker);
     StatusCode moveCopy(unsigned copy, const char* why, uint32_t minFree, IOTracker* tracker);
     StatusCode setFlag(uint16_t flag, bool on);

@@ -414,10 +414,30 @@ StatusCode ZoneTable::LoadZoneTable(IOTracker& tracker) {
         // allocations of that transaction, whose locks it holds to commit.
         return RepairZoneTable(good[0], good[1], good[2], tracker);
     }
-    if (mReadOnly) {
-        ESA_CONSOLE("No ZIS locations available from RegionManager, cannot create in read-only mode");
+    // No location on any disk. The table's Regions are the first a pack ever
+    // allocates, in the set that records their locations: with no Region in
+    // use the pack never had a table (its making was cut short, or it is new),
+    // and nothing can be lost by making one. With Regions in use the
+    // locations were lost, and a new table would orphan every Zone.
+    if (regionsInUse(tracker)) {
+        ESA_CONSOLE("LoadZoneTable: no ZIS location on any disk but Regions are in use - not creating a table");
         return StatusCode::BadMetadata;
+    }
+    if (mReadOnly) {
+        // Nothing is critical in a pack without Zones; the read-write load makes the table.
+        ESA_CONSOLE("No ZIS locations available from RegionManager, and no Region in use - a pack without Zones");
+        return StatusCode::Success;
     }
     // A new pack: the caller commits the table's creation with its load.
     return createTable(tracker);
+}
+
+bool ZoneTable::regionsInUse(IOTracker& tracker) {
+    RegionManager* rm = RegionManager::GetInstance();
+    for (uint16_t ld = 0; ld < RegionManager::kMaxLogicalDisks; ++ld) {
+        uint32_t free = 0, available = 0;
+        if (rm->GetFreeRegionCount(ld, free, tracker) != StatusCode::Success) continue;
+        if (rm->GetAvailableRegionCount(ld, available, tracker) == StatusCode::Success && free < available) return true;
+    }
+    return false;
 }

@@ -37,6 +37,42 @@ TEST_F(ZoneTableOnDisks, NewPackGetsThreeCopiesOnDistinctDisksAndZonesZeroAndOne
     EXPECT_TRUE(again.Matches(zero));
 }
 
+// A start cut after the pack's Region metadata was made but before its Zone
+// table: no table location anywhere and no Region in use. The viability check
+// (a read-only load) must accept it, and the next read-write load makes the
+// table, rather than the pack staying unloadable for ever.
+TEST_F(ZoneTableOnDisks, APackCutBeforeItsTableWasMadePassesTheCheckAndGetsOne) {
+    makePack({"20G", "20G", "20G"});
+    ASSERT_EQ(reloadZones(true), StatusCode::Success);
+    EXPECT_EQ(table().entriesCreated(), 0u);
+    ASSERT_EQ(reloadZones(false), StatusCode::Success);
+    EXPECT_EQ(table().entriesCreated(), 2u);
+    ASSERT_EQ(reloadZones(false), StatusCode::Success) << "the table made at that load is found again";
+}
+
+// Lost locations on a pack that has Zones must never lead to a new, empty
+// table: every Zone would be orphaned.
+TEST_F(ZoneTableOnDisks, LostLocationsOnAPackInUseFailTheLoadAndMakeNoTable) {
+    makeZonePack({"20G", "20G", "20G"});
+    allocate();
+    {
+        IOTracker t(READ_WRITE);
+        for (unsigned i = 0; i < 3; ++i) ASSERT_EQ(rm()->SetMetaData(i, 0, 0, t), StatusCode::Success);
+        ASSERT_EQ(t.commit(), StatusCode::Success);
+    }
+    uint32_t freeBefore = 0;
+    {
+        IOTracker t(READ_ONLY);
+        ASSERT_EQ(rm()->GetFreeRegionCount(0, freeBefore, t), StatusCode::Success);
+    }
+    EXPECT_EQ(reloadZones(true), StatusCode::BadMetadata);
+    EXPECT_EQ(reloadZones(false), StatusCode::BadMetadata);
+    uint32_t freeAfter = 0;
+    IOTracker t(READ_ONLY);
+    ASSERT_EQ(rm()->GetFreeRegionCount(0, freeAfter, t), StatusCode::Success);
+    EXPECT_EQ(freeAfter, freeBefore) << "no Region was taken for a new table";
+}
+
 class ZoneTableCopies : public ZoneTableTestFixture {
 protected:
     ZoneTableEntry entryOnDisk(unsigned copyIndex, uint32_t zone) {
