@@ -89,88 +89,91 @@ TEST(LockObject, SharedWaitersBehindAWriterAllGetInAndTheNextWriterWaitsForThem)
     EXPECT_FALSE(lock.isLocked());
 }
 
+namespace {
+// Threads hammer one lock; `take(lock, thread, round, holder)` takes it in
+// some mode and calls holder.exclusive() or holder.shared() while it holds it.
+// Every exclusive holder must be alone, every shared one free of writers, and
+// the lock free with nobody queued at the end.
+struct Holders {
+    std::atomic<int> writersIn{0}, readersIn{0}, violations{0};
+    long counter = 0;  // changed by exclusive holders only
+    void exclusive() {
+        if (writersIn.fetch_add(1) != 0 || readersIn.load() != 0) violations++;
+        ++counter;
+        writersIn--;
+    }
+    void shared() {
+        readersIn++;
+        if (writersIn.load() != 0) violations++;
+        readersIn--;
+    }
+};
+
+template <class Take>
+void hammer(LockObject& lock, int threads, int rounds, long exclusiveHolds, Take take) {
+    Holders holders;
+    std::vector<std::thread> pool;
+    for (int t = 0; t < threads; ++t)
+        pool.emplace_back([&, t] {
+            for (int i = 0; i < rounds; ++i) take(lock, t, i, holders);
+        });
+    for (auto& th : pool) th.join();
+    EXPECT_EQ(holders.violations.load(), 0);
+    EXPECT_EQ(holders.counter, exclusiveHolds);
+    EXPECT_FALSE(lock.isLocked());
+    EXPECT_EQ(lock.waiters(), 0u);
+}
+}  // namespace
+
 TEST(LockObject, HammeredFromManyThreadsKeepsExclusionAndSharing) {
     LockObject lock("lTestHammer", 0);
-    std::atomic<int> writersIn{0}, readersIn{0}, violations{0};
-    long counter = 0;
     constexpr int kThreads = 8, kRounds = 4000;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t)
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < kRounds; ++i) {
-                if ((i + t) % 3 == 0) {
-                    LockObject::ExclusiveLockInstance x(&lock);
-                    if (writersIn.fetch_add(1) != 0 || readersIn.load() != 0) violations++;
-                    ++counter;
-                    writersIn--;
-                } else {
-                    LockObject::SharedLockInstance s(&lock);
-                    readersIn++;
-                    if (writersIn.load() != 0) violations++;
-                    readersIn--;
-                }
-            }
-        });
-    for (auto& th : threads) th.join();
-    EXPECT_EQ(violations.load(), 0);
     long expected = 0;
     for (int t = 0; t < kThreads; ++t)
         for (int i = 0; i < kRounds; ++i) expected += (i + t) % 3 == 0;
-    EXPECT_EQ(counter, expected);
-    EXPECT_FALSE(lock.isLocked());
-    EXPECT_EQ(lock.waiters(), 0u);
+    hammer(lock, kThreads, kRounds, expected, [](LockObject& l, int t, int i, Holders& h) {
+        if ((i + t) % 3 == 0) {
+            LockObject::ExclusiveLockInstance x(&l);
+            h.exclusive();
+        } else {
+            LockObject::SharedLockInstance s(&l);
+            h.shared();
+        }
+    });
 }
 
 // Brief holds keep the protection held and release with a store: mixed with
 // lengthened brief holds, ordinary writers and readers they must still
-// exclude every other holder and leave the lock free with nobody queued.
+// exclude every other holder.
 TEST(LockObject, BriefHoldsExcludeEveryOtherHolder) {
     LockObject lock("lTestBrief", 0);
-    std::atomic<int> writersIn{0}, readersIn{0}, violations{0};
-    long counter = 0;
     constexpr int kThreads = 6, kRounds = 4000;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t)
-        threads.emplace_back([&, t] {
-            auto exclusive = [&] {
-                if (writersIn.fetch_add(1) != 0 || readersIn.load() != 0) violations++;
-                ++counter;
-                writersIn--;
-            };
-            for (int i = 0; i < kRounds; ++i) {
-                switch ((i + t) % 4) {
-                    case 0: {
-                        LockObject::BriefExclusiveLockInstance b(&lock);
-                        exclusive();
-                        break;
-                    }
-                    case 1: {
-                        LockObject::BriefExclusiveLockInstance b(&lock);
-                        if (!lock.OwnsLock()) violations++;
-                        b.lengthen();  // others may queue from here
-                        std::this_thread::yield();
-                        exclusive();
-                        break;
-                    }
-                    case 2: {
-                        LockObject::ExclusiveLockInstance x(&lock);
-                        exclusive();
-                        break;
-                    }
-                    default: {
-                        LockObject::SharedLockInstance s(&lock);
-                        readersIn++;
-                        if (writersIn.load() != 0) violations++;
-                        readersIn--;
-                    }
-                }
+    hammer(lock, kThreads, kRounds, long(kThreads) * kRounds * 3 / 4, [](LockObject& l, int t, int i, Holders& h) {
+        switch ((i + t) % 4) {
+            case 0: {
+                LockObject::BriefExclusiveLockInstance b(&l);
+                h.exclusive();
+                break;
             }
-        });
-    for (auto& th : threads) th.join();
-    EXPECT_EQ(violations.load(), 0);
-    EXPECT_EQ(counter, long(kThreads) * kRounds * 3 / 4);
-    EXPECT_FALSE(lock.isLocked());
-    EXPECT_EQ(lock.waiters(), 0u);
+            case 1: {
+                LockObject::BriefExclusiveLockInstance b(&l);
+                if (!l.OwnsLock()) h.violations++;
+                b.lengthen();  // others may queue from here
+                std::this_thread::yield();
+                h.exclusive();
+                break;
+            }
+            case 2: {
+                LockObject::ExclusiveLockInstance x(&l);
+                h.exclusive();
+                break;
+            }
+            default: {
+                LockObject::SharedLockInstance s(&l);
+                h.shared();
+            }
+        }
+    });
 }
 
 TEST(LockObject, ABriefHolderCanDumpAndAfterLengthenOthersQueue) {
