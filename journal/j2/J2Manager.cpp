@@ -328,6 +328,7 @@ StatusCode J2Manager::commit(J2set* set, J2set* prev) {
             ESA_CONSOLE("J2Manager::commit: slot " << s << " lost its disk before commit of set 0x" << std::hex
                                                    << set->id << std::dec << "; set discarded");
             rebootIfCritical(uint16_t(s));
+            settleSync(set);  // a sync waits for the sets it counted, committed or refused
             return StatusCode::DiskNotPresent;  // the caller discards the set, outside the journal's locks
         }
     while (!spaceCheck(set)) {
@@ -425,11 +426,15 @@ StatusCode J2Manager::commit(J2set* set, J2set* prev) {
         soft.lengthen();
         softSpill(false);
     }
+    settleSync(set);
+    retireSet(set);
+    return StatusCode::Success;
+}
+
+void J2Manager::settleSync(const J2set* set) {
     if (mSyncCount && (set->flags & J2set::kSyncWanted)) {
         if (--mSyncCount == 0) semGive(mSyncDone);
     }
-    retireSet(set);
-    return StatusCode::Success;
 }
 
 uint32_t J2Manager::clidHandle(unsigned slot, CacheTrackerObject* clid) {

@@ -117,6 +117,7 @@ public:
     bool loaded() const { return mLoaded; }
     uint32_t spillWrites() const { return mSpillWrites; }  // merged disk writes issued by spills
     uint32_t spills() const { return mSpillCount; }        // journalettes spilled
+    uint32_t syncWaits() const { return mSyncCount; }      // sets a sync still waits for
     uint32_t timerTurns() const { return mTimerTurns; }    // looks the idle timer has taken
     const j2::SoftHeader& header() const { return *mSoft; }
     // Where a fatal end goes (reboot, non-viable pack); tests catch it here.
@@ -152,6 +153,8 @@ private:
     // A set refused at commit: its cache ranges are given back (discardRange)
     // and it is freed. Called with none of the journal's locks held.
     void discardSet(J2set* set);
+    // One of the sets a sync counted has left the build list (with "lJ2Soft").
+    void settleSync(const J2set* set);
     Committed walkCommitted(unsigned slot) const;
     unsigned repairTornMarks();
     void buildPartition();

@@ -3,6 +3,7 @@
 #include "journal/j2/J2TestHarness.h"
 
 #include "platform/rtos/BoardClock.h"
+#include "util/Eventually.h"
 
 using namespace j2;
 
@@ -289,6 +290,28 @@ TEST_F(J2Manager_, SyncWaitsForEverySetBeingBuiltThenSpills) {
     EXPECT_TRUE(j2->journalsClean());
     EXPECT_EQ(generationOf(0, 1, 1), 2);
     EXPECT_EQ(generationOf(0, 2, 1), 3);
+}
+
+// A set a sync counted that is then refused at commit (its second disk went)
+// leaves the build list as surely as a committed one: the sync must return.
+TEST_F(J2Manager_, SyncDoesNotWaitForeverForASetRefusedAtCommit) {
+    loadDisks({"16M", "16M"});
+    bootAndLoad();
+    IOTracker t(READ_WRITE);
+    ASSERT_EQ(write(t, 0, 1, 1, 2), StatusCode::Success);
+    ASSERT_EQ(write(t, 1, 1, 1, 2), StatusCode::Success);
+    std::atomic<bool> synced{false};
+    std::thread syncer([&] {
+        j2->sync();
+        synced = true;
+    });
+    ASSERT_TRUE(eventually([&] { return j2->syncWaits() == 1; }));
+    j2->hotPlug(1, hotRemove);
+    EXPECT_EQ(j2->commit(t), StatusCode::DiskNotPresent);
+    const bool returned = eventually([&] { return synced.load(); });
+    EXPECT_TRUE(returned) << "sync still waits for a set that was refused";
+    if (returned) syncer.join();
+    else syncer.detach();  // stuck for good: the failure above says why
 }
 
 TEST_F(J2Manager_, FlushIfOverHalfFullSpillsOnlyAHalfFullJournal) {
