@@ -19,7 +19,7 @@ void LockObject::LockExclusive() {
     LockOrderChecker::noteAcquired(this, 0);
 }
 
-void LockObject::LockExclusiveBrief() {
+void LockObject::lockExclusiveBriefChecked() {
     if (bypass) return;
     LockOrderChecker::checkAcquire(this, 0, nullptr);
     Guard g(*mProtection);
@@ -52,17 +52,9 @@ void LockObject::LockShared() {
     LockOrderChecker::noteAcquired(this, 0);
 }
 
-void LockObject::LockRelease() {
+void LockObject::releaseOrdinary() {
     if (bypass) return;
     LockTask self = currentLockTask();
-    if (mBriefOwner.load(std::memory_order_relaxed) == self) {
-        // Nobody can have queued: the protection was held all along.
-        mBriefOwner.store(0, std::memory_order_relaxed);
-        releaseExclusiveLocked();
-        mProtection->unlock();
-        LockOrderChecker::noteReleased(this);
-        return;
-    }
     {
         Guard g(*mProtection);
         if (isExclusive()) {

@@ -17,6 +17,7 @@
 #include <ostream>
 #include <vector>
 
+#include "util/LockOrderChecker.h"
 #include "util/LockProtection.h"
 #include "util/QueuedLock.h"
 
@@ -26,10 +27,35 @@ public:
     ~LockObject() override;
 
     void LockExclusive();
-    void LockExclusiveBrief();
+    // The brief take and release are inline: they are the hot path of every
+    // metadata commit.
+    void LockExclusiveBrief() {
+        if (!bypass && !LockOrderChecker::enabled()) {
+            mProtection->lock();
+            if (!mLocked && mPending.empty()) {
+                mLocked = true;
+                mOwner = currentLockTask();
+                mBriefOwner.store(mOwner, std::memory_order_relaxed);
+                return;  // the protection stays held until LockRelease or Lengthen
+            }
+            mProtection->unlock();
+        }
+        lockExclusiveBriefChecked();
+    }
     void Lengthen();
     void LockShared();
-    void LockRelease();
+    void LockRelease() {
+        if (!bypass && mBriefOwner.load(std::memory_order_relaxed) == currentLockTask()) {
+            // Nobody can have queued: the protection was held all along.
+            mBriefOwner.store(0, std::memory_order_relaxed);
+            mLocked = false;
+            mOwner = 0;
+            mProtection->unlock();
+            LockOrderChecker::noteReleased(this);
+            return;
+        }
+        releaseOrdinary();
+    }
     bool OwnsLock();
     void Dump(std::ostream& out, bool verbose) override;
     void SetName(const char* name) { setName(name); }
@@ -69,6 +95,8 @@ public:
     };
 
 private:
+    void lockExclusiveBriefChecked();
+    void releaseOrdinary();
     // The task in a brief hold, which keeps the protection held; 0 for none.
     // Written only with the protection held; read without it only by a task
     // that holds the lock, when no brief hold by another task can exist.
