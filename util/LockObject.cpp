@@ -23,14 +23,8 @@ void LockObject::lockExclusiveBriefChecked() {
     if (bypass) return;
     LockOrderChecker::checkAcquire(this, 0, nullptr);
     Guard g(*mProtection);
-    if (!mLocked && mPending.empty()) {
-        mLocked = true;
-        mOwner = currentLockTask();
-        mBriefOwner.store(mOwner, std::memory_order_relaxed);
-        g.release();  // the protection stays held until LockRelease or Lengthen
-    } else {
-        acquireExclusiveLocked(g, 0);
-    }
+    if (takeBriefLocked()) g.release();  // the protection stays held until LockRelease or Lengthen
+    else acquireExclusiveLocked(g, 0);
     LockOrderChecker::noteAcquired(this, 0);
 }
 

@@ -32,12 +32,7 @@ public:
     void LockExclusiveBrief() {
         if (!bypass && !LockOrderChecker::enabled()) {
             mProtection->lock();
-            if (!mLocked && mPending.empty()) {
-                mLocked = true;
-                mOwner = currentLockTask();
-                mBriefOwner.store(mOwner, std::memory_order_relaxed);
-                return;  // the protection stays held until LockRelease or Lengthen
-            }
+            if (takeBriefLocked()) return;  // the protection stays held until LockRelease or Lengthen
             mProtection->unlock();
         }
         lockExclusiveBriefChecked();
@@ -95,6 +90,15 @@ public:
     };
 
 private:
+    // With the protection held: when the lock is free and nobody queues, it
+    // becomes the caller's brief hold (true).
+    bool takeBriefLocked() {
+        if (mLocked || !mPending.empty()) return false;
+        mLocked = true;
+        mOwner = currentLockTask();
+        mBriefOwner.store(mOwner, std::memory_order_relaxed);
+        return true;
+    }
     void lockExclusiveBriefChecked();
     void releaseOrdinary();
     // The task in a brief hold, which keeps the protection held; 0 for none.
