@@ -140,6 +140,24 @@ unsigned checkZoneTable(const TestBoard& board, const std::map<uint16_t, DiskRec
 }
 
 
+// The start after a cut replays the journal and must load the pack; with the
+// journal written out, the disks alone must be consistent. Returns the number
+// of Zones in use (0 after a failed check: the caller stops on HasFailure()).
+unsigned restartAndCheck(const TestBoard& board, const std::string& after) {
+    EsaProcess esa(board.dir().string());
+    EXPECT_TRUE(esa.waitForConsole()) << esa.output();
+    ConsoleResult state = esa.console("state DPM");
+    EXPECT_NE(state.output.find("DISK PACK IS LOADED"), std::string::npos)
+        << after << "\n"
+        << state.output << esa.output();
+    if (::testing::Test::HasFailure()) return 0;
+    esa.console("j2flush");
+    esa.kill9();
+    std::map<uint16_t, DiskRecords> byLd = checkDisRegionRecords(board);
+    EXPECT_EQ(byLd.size(), size_t(kDisks));
+    return byLd.size() == size_t(kDisks) ? checkZoneTable(board, byLd) : 0;
+}
+
 }  // namespace
 
 TEST(CrashSoak, EveryStartAfterAPowerCutLoadsAConsistentPack) {
@@ -174,19 +192,7 @@ TEST(CrashSoak, EveryStartAfterAPowerCutLoadsAConsistentPack) {
             stop = true;
             churn.join();
         }
-        // The next start replays the journal and must load the pack; with the
-        // journal written out, the disks alone must be consistent.
-        EsaProcess esa(board.dir().string());
-        ASSERT_TRUE(esa.waitForConsole()) << esa.output();
-        ConsoleResult state = esa.console("state DPM");
-        ASSERT_NE(state.output.find("DISK PACK IS LOADED"), std::string::npos)
-            << "after power cut " << round << "\n"
-            << state.output << esa.output();
-        esa.console("j2flush");
-        esa.kill9();
-        std::map<uint16_t, DiskRecords> byLd = checkDisRegionRecords(board);
-        ASSERT_EQ(byLd.size(), size_t(kDisks));
-        mostZones = std::max(mostZones, checkZoneTable(board, byLd));
+        mostZones = std::max(mostZones, restartAndCheck(board, "after power cut " + std::to_string(round)));
         ASSERT_FALSE(HasFailure()) << "after power cut " << round;
     }
     // Zones 0 and 1 are the pack's own; the churn must have left some behind.
@@ -219,18 +225,9 @@ TEST(CrashSoak, ACutAtEachCommitOfAPacksMakingAndFirstZonesLeavesAPackTheNextSta
             ASSERT_EQ(esa.wait(), Board::kCrashPointExitStatus) << esa.output();
         }
         ++cuts;
-        EsaProcess esa(board.dir().string());
-        ASSERT_TRUE(esa.waitForConsole()) << esa.output();
-        ConsoleResult state = esa.console("state DPM");
-        ASSERT_NE(state.output.find("DISK PACK IS LOADED"), std::string::npos)
-            << "cut at commit mark " << pass << "\n"
-            << state.output << esa.output();
-        esa.console("j2flush");
-        esa.kill9();
-        std::map<uint16_t, DiskRecords> byLd = checkDisRegionRecords(board);
-        ASSERT_EQ(byLd.size(), size_t(kDisks));
-        EXPECT_GE(checkZoneTable(board, byLd), 2u) << "Zones 0 and 1";
-        ASSERT_FALSE(HasFailure()) << "cut at commit mark " << pass;
+        const std::string after = "cut at commit mark " + std::to_string(pass);
+        EXPECT_GE(restartAndCheck(board, after), 2u) << "Zones 0 and 1";
+        ASSERT_FALSE(HasFailure()) << after;
     }
     EXPECT_GE(cuts, 20u) << "the making of a pack and its first Zones commit many sets";
 }
