@@ -102,15 +102,7 @@ void DIS::buildSector(LogicalDiskContainer& ld, uint8_t* sector) {
     s.logicalDisks = logicalDisks;
     s.critcalDisks = critcalDisks;
     s.name = nameString();
-    s.ldNumber = ld.ldNumber;
-    s.ldBitmap = ld.ldBitmap;
-    s.flags = ld.flags;
-    s.iteration = ld.iteration;
-    s.rmLba[0] = ld.rmLba[0];
-    s.rmLba[1] = ld.rmLba[1];
-    s.sig1 = ld.sig1;
-    s.sig3 = ld.sig3;
-    s.extVersion = ld.extVersion;
+    static_cast<DisLocalPart&>(s) = ld;  // the checksums are the encoder's
     s.expungeReason = ld.reason();
     s.encode(sector);
     ld.checksum = s.checksum;
@@ -132,17 +124,7 @@ void DIS::takeGlobal(const DisSector& s) {
 }
 
 void DIS::takeLocal(const DisSector& s, LogicalDiskContainer& ld) {
-    ld.ldNumber = s.ldNumber;
-    ld.ldBitmap = s.ldBitmap;
-    ld.flags = s.flags;
-    ld.iteration = s.iteration;
-    ld.rmLba[0] = s.rmLba[0];
-    ld.rmLba[1] = s.rmLba[1];
-    ld.sig1 = s.sig1;
-    ld.checksum = s.checksum;
-    ld.sig3 = s.sig3;
-    ld.extVersion = s.extVersion;
-    ld.extChecksum = s.extChecksum;
+    static_cast<DisLocalPart&>(ld) = s;
     ld.setReason(s.expungeReason);
 }
 

@@ -32,7 +32,7 @@ public:
     static constexpr const char* kNotExpunged = "NOT EXPUNGED";
 
     // The local part of one member disk, and where its three copies live.
-    class LogicalDiskContainer {
+    class LogicalDiskContainer : public DisLocalPart {
     public:
         LogicalDiskContainer() = default;
         LogicalDiskContainer(const LogicalDiskContainer&) = default;
@@ -46,18 +46,7 @@ public:
         std::string reason() const;
         bool allRangesBad() const { return (flags & DisLayout::DIS_RANGE_BAD_MASK) == DisLayout::DIS_RANGE_BAD_MASK; }
 
-        // Local part, in sector order.
-        uint16_t ldNumber = 0;
-        uint32_t ldBitmap = 0;
-        uint32_t flags = 0;
-        uint32_t iteration = 0;
-        uint32_t rmLba[2] = {0, 0};
-        uint32_t sig1 = DisLayout::kSig1;
-        uint32_t checksum = 0;
-        // Extension, in sector order.
-        uint32_t sig3 = DisLayout::kSig3;
-        uint32_t extVersion = 1;
-        uint32_t extChecksum = 0;
+        // The local part's numbers are DisLocalPart; the reason is kept here.
         char expungeReason[DisLayout::kReasonBytes] = "NOT EXPUNGED";
         // Where the copies are: current sector and last sector of each range.
         uint32_t disLba[kCopies] = {0, 0, 0};

@@ -52,18 +52,10 @@ std::array<DisRange, 3> disRangesFor(uint64_t capacity);
 // rather than wrapping to a tiny size.
 inline uint32_t packCapacity(uint64_t sectors) { return sectors > 0xFFFFFFFFull ? 0xFFFFFFFFu : uint32_t(sectors); }
 
-struct DisSector {
-    // Global part.
-    uint32_t sig0 = DisLayout::kSig0;
-    uint32_t version = DisLayout::kVersion;
-    uint32_t layout = DisLayout::kCurrentLayout;
-    uint32_t reserved = 0;
-    uint32_t packId[2] = {0, 0};
-    uint32_t generation = 0;
-    uint32_t logicalDisks = 0;
-    uint32_t critcalDisks = 0;
-    std::string name = "TarvoPro";
-    // Local part.
+// The local part of one disk's DIS as numbers (the expunge reason aside, kept
+// as text by the sector and as a fixed buffer by the in-memory container): the
+// sector and DIS::LogicalDiskContainer both hold it, and hand it over whole.
+struct DisLocalPart {
     uint16_t ldNumber = 0;
     uint32_t ldBitmap = 0;
     uint32_t flags = 0;
@@ -75,6 +67,20 @@ struct DisSector {
     uint32_t sig3 = DisLayout::kSig3;
     uint32_t extVersion = 1;
     uint32_t extChecksum = 0;
+};
+
+struct DisSector : DisLocalPart {
+    // Global part.
+    uint32_t sig0 = DisLayout::kSig0;
+    uint32_t version = DisLayout::kVersion;
+    uint32_t layout = DisLayout::kCurrentLayout;
+    uint32_t reserved = 0;
+    uint32_t packId[2] = {0, 0};
+    uint32_t generation = 0;
+    uint32_t logicalDisks = 0;
+    uint32_t critcalDisks = 0;
+    std::string name = "TarvoPro";
+    // Local part: DisLocalPart, and the extension's reason.
     std::string expungeReason = "NOT EXPUNGED";
 
     enum class Verdict { Good, BadSanity, BadChecksum, BadExtensionSignature, BadExtensionChecksum };

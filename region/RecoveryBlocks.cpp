@@ -145,20 +145,26 @@ StatusCode RegionManager::ReadRecoveryBlock(uint16_t ld, uint32_t region, Recove
     return StatusCode::Success;
 }
 
+// Reads one padding sector for `what`, with the map lock held by the caller.
+StatusCode RegionManager::readRecoveryBlockSector(uint16_t ld, uint32_t region, const char* what, uint8_t* sector,
+                                                  uint32_t& lba, IOTracker& tracker) {
+    StatusCode st = recoveryBlockLba(ld, region, lba);
+    if (st != StatusCode::Success) return st;
+    st = readSectors(ld, sector, 1, lba, tracker);
+    if (st != StatusCode::Success)
+        ESA_CONSOLE("RM::" << what << ": LD #" << ld << " Region " << region << " : RecoveryBlock not readable");
+    return st;
+}
+
 // Read, change, write back one padding sector within the caller's transaction.
 StatusCode RegionManager::rewriteRecoveryBlock(uint16_t ld, uint32_t region, const char* what, IOTracker& tracker,
                                                void (*change)(uint8_t* sector, const void* arg), const void* arg) {
     ExtendingLockObject::SharedLockInstance g(&mMapLock, tracker);
     if (!mReadWrite) return StatusCode::ReadOnlyMode;
     uint32_t lba = 0;
-    StatusCode st = recoveryBlockLba(ld, region, lba);
-    if (st != StatusCode::Success) return st;
     uint8_t sector[512];
-    st = readSectors(ld, sector, 1, lba, tracker);
-    if (st != StatusCode::Success) {
-        ESA_CONSOLE("RM::" << what << ": LD #" << ld << " Region " << region << " : RecoveryBlock not readable");
-        return st;
-    }
+    StatusCode st = readRecoveryBlockSector(ld, region, what, sector, lba, tracker);
+    if (st != StatusCode::Success) return st;
     change(sector, arg);
     return writeSectors(ld, sector, 1, lba, tracker);
 }
@@ -185,14 +191,9 @@ StatusCode RegionManager::GetZoneOwnership(uint16_t ld, uint32_t region, _ZoneOw
     ExtendingLockObject::SharedLockInstance g(&mMapLock, tracker);
     if (!mReadWrite) return StatusCode::ReadOnlyMode;
     uint32_t lba = 0;
-    StatusCode st = recoveryBlockLba(ld, region, lba);
-    if (st != StatusCode::Success) return st;
     uint8_t sector[512];
-    st = readSectors(ld, sector, 1, lba, tracker);
-    if (st != StatusCode::Success) {
-        ESA_CONSOLE("RM::GetZoneOwnership: LD #" << ld << " Region " << region << " : RecoveryBlock not readable");
-        return st;
-    }
+    StatusCode st = readRecoveryBlockSector(ld, region, "GetZoneOwnership", sector, lba, tracker);
+    if (st != StatusCode::Success) return st;
     ownership = decodeOwnership(sector + kOwnershipOffset);
     return StatusCode::Success;
 }

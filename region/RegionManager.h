@@ -147,6 +147,8 @@ private:
                         IOTracker& tracker);
     StatusCode parallelIO(bool write, _IORequest* requests, unsigned count, IOTracker& tracker);
     StatusCode recoveryBlockLba(uint16_t ld, uint32_t region, uint32_t& lba);
+    StatusCode readRecoveryBlockSector(uint16_t ld, uint32_t region, const char* what, uint8_t* sector,
+                                       uint32_t& lba, IOTracker& tracker);
     StatusCode rewriteRecoveryBlock(uint16_t ld, uint32_t region, const char* what, IOTracker& tracker,
                                     void (*change)(uint8_t* sector, const void* arg), const void* arg);
     void setPackRegionSize(uint32_t regionSectors);

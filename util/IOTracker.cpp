@@ -94,11 +94,7 @@ void IOTracker::lockRelease() {
 StatusCode IOTracker::commit() {
     // Counted first, journal or not, so that a scope committer knows that the
     // owner committed and does not commit a second time.
-    // A sole copy has no other writer (see markDirty): no atomic step.
-    if (mShared->refs.load(std::memory_order_acquire) == 1)
-        mShared->commits.store(mShared->commits.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-    else
-        mShared->commits.fetch_add(1, std::memory_order_relaxed);
+    countShared(mShared->commits);
     if (journal.commit) return journal.commit(*this);
     lockRelease();
     return StatusCode::Success;

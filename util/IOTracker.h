@@ -65,13 +65,7 @@ public:
     LockTask ownerTask() const { return mOwnerTask; }
 
     // Journal bookkeeping: metadata changed in this transaction / commits made.
-    void markDirty() {
-        // A sole copy has no other writer (see ListGuard): no atomic step.
-        if (mShared->refs.load(std::memory_order_acquire) == 1)
-            mShared->dirty.store(mShared->dirty.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-        else
-            mShared->dirty.fetch_add(1, std::memory_order_relaxed);
-    }
+    void markDirty() { countShared(mShared->dirty); }
     uint32_t dirtyCount() const { return mShared->dirty.load(std::memory_order_relaxed); }
     uint32_t commitCount() const { return mShared->commits.load(std::memory_order_relaxed); }
     uint32_t copies() const { return mShared->refs.load(std::memory_order_relaxed); }
@@ -106,6 +100,14 @@ private:
         std::list<ExtendingLockObject*> locks;
         std::atomic<uint32_t> lockCount{0};  // locks.size(), readable without listLock
     };
+    // Adds 1 to a counter of the shared state. A sole copy has no other
+    // writer (see ListGuard): no atomic step.
+    void countShared(std::atomic<uint32_t>& counter) {
+        if (mShared->refs.load(std::memory_order_acquire) == 1)
+            counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        else
+            counter.fetch_add(1, std::memory_order_relaxed);
+    }
     static uint64_t nextId();
     struct SpareState;
     class ListGuard;
