@@ -197,8 +197,14 @@ private:
                                  IOTracker& tracker, bool original);
     StatusCode recoverColumn(const ZoneTableEntry& entry, DataWindow& column, uint32_t offset,
                              IOTracker& tracker) const;
+    // One copy of a mirrored piece; a failed read (not an absent copy) is
+    // traced and patched in the background.
     StatusCode readMirrorCopy(const ZoneTableEntry& entry, RegionCopy copy, uint32_t offset, DataWindow& window,
                               IOTracker& tracker);
+    // The reads of one piece for an entry already looked up.
+    StatusCode readOriginal(const ZoneTableEntry& entry, uint32_t offset, DataWindow& window, IOTracker& tracker);
+    StatusCode readReconstructed(const ZoneTableEntry& entry, uint32_t offset, DataWindow& window,
+                                 IOTracker& tracker);
     StatusCode writeMirrored(const ZoneTableEntry& entry, uint32_t offset, DataWindow& window, IOTracker& tracker,
                              unsigned& failures);
     StatusCode writeStriped(const ZoneTableEntry& entry, uint32_t offset, DataWindow& window, IOTracker& tracker,

@@ -102,13 +102,13 @@ StatusCode ZoneManager::readPieces(uint32_t zone, uint64_t wideOffset, DataWindo
             }
         }
         ++piece;
-        uint32_t z = zone, o = pos;
-        st = mode == kReconstructedOnly ? ReadReconstructedData(z, o, sub, tracker)
-                                        : ReadOriginalData(z, o, sub, tracker);
+        // The entry looked up above serves every piece: the table lock is held.
+        st = mode == kReconstructedOnly ? readReconstructed(entry, pos, sub, tracker)
+                                        : readOriginal(entry, pos, sub, tracker);
         if (!st.ok() && mode == kOriginalThenReconstructed) {
             ESA_TRACE(zmReadTrace, "Original read of Zone " << zone << " offset " << pos << " failed (" << st
                                                               << "), reading the redundancy");
-            st = ReadReconstructedData(z, o, sub, tracker);
+            st = readReconstructed(entry, pos, sub, tracker);
             if (!st.ok()) {
                 tracef(coutTrace, "ReadDataNoLock: Double read failure - unrecoverable\n");
                 tracef(coutTrace, "ReadRedundant error on Zone %lu, offset %lu - %s\n", (unsigned long)zone,
@@ -136,13 +136,25 @@ StatusCode ZoneManager::readMirrorCopy(const ZoneTableEntry& entry, RegionCopy c
                     : copy == RegionCopy::Primary ? entry.CalculatePrimaryRedundancyRegion(offset, slot)
                                                   : entry.CalculateSecondaryRedundancyRegion(offset, slot);
     if (!st.ok()) return st;
-    return RegionManager::GetInstance()->ReadData(entry.disk[slot], entry.region[slot], offset % regionSize(),
-                                                  window, tracker);
+    st = RegionManager::GetInstance()->ReadData(entry.disk[slot], entry.region[slot], offset % regionSize(), window,
+                                                tracker);
+    // A copy that is absent is no error of its own; one that fails a read is
+    // patched in the background.
+    if (st.ok() || st == StatusCode::DiskNotPresent || st == StatusCode::ZM_UnusableRegion) return st;
+    static const char* const kWhat[] = {"ReadOriginalData: Error reading from Zone %lu, offset %lu - %s\n",
+                                        "ReadReconstructedData: Error reading PrimaryRedundant data from Zone %lu, "
+                                        "offset %lu - %s\n",
+                                        "ReadReconstructedData: Error reading SecondaryRedundant data from Zone %lu, "
+                                        "offset %lu - %s\n"};
+    tracef(coutTrace, kWhat[unsigned(copy)], (unsigned long)entry.zoneNumber, (unsigned long)offset,
+           st.Dump().c_str());
+    LayoutManager::GetInstance()->InitiateBackgroundPatch(entry.zoneNumber, offset, unsigned(copy), tracker);
+    return st;
 }
 
 namespace {
-// What both reads of a piece begin with: the piece lies inside the Zone, and
-// the Zone is in use.
+// What both public reads of a piece begin with: the piece lies inside the
+// Zone, and the Zone is in use.
 StatusCode entryForRead(uint32_t zone, uint32_t offset, const DataWindow& window, const char* what,
                         ZoneTableEntry& entry) {
     if (uint64_t(offset) + window.GetLength() > zoneSize()) {
@@ -157,17 +169,20 @@ StatusCode entryForRead(uint32_t zone, uint32_t offset, const DataWindow& window
 StatusCode ZoneManager::ReadOriginalData(uint32_t& zone, uint32_t& offset, DataWindow& window, IOTracker& tracker) {
     ZoneTableEntry entry;
     StatusCode st = entryForRead(zone, offset, window, "original", entry);
-    if (!st.ok()) return st;
+    return st.ok() ? readOriginal(entry, offset, window, tracker) : st;
+}
+
+StatusCode ZoneManager::ReadReconstructedData(uint32_t& zone, uint32_t& offset, DataWindow& window,
+                                              IOTracker& tracker) {
+    ZoneTableEntry entry;
+    StatusCode st = entryForRead(zone, offset, window, "reconstructed", entry);
+    return st.ok() ? readReconstructed(entry, offset, window, tracker) : st;
+}
+
+StatusCode ZoneManager::readOriginal(const ZoneTableEntry& entry, uint32_t offset, DataWindow& window,
+                                     IOTracker& tracker) {
     const RedundancyType type = entry.type();
-    if (isMirrorLike(type)) {
-        st = readMirrorCopy(entry, RegionCopy::Data, offset, window, tracker);
-        if (!st.ok() && st != StatusCode::DiskNotPresent && st != StatusCode::ZM_UnusableRegion) {
-            tracef(coutTrace, "ReadOriginalData: Error reading from Zone %lu, offset %lu - %s\n",
-                   (unsigned long)zone, (unsigned long)offset, st.Dump().c_str());
-            LayoutManager::GetInstance()->InitiateBackgroundPatch(zone, offset, 0, tracker);
-        }
-        return st;
-    }
+    if (isMirrorLike(type)) return readMirrorCopy(entry, RegionCopy::Data, offset, window, tracker);
     if (RedundancyGeometry::IsStripe(type)) {
         ESA_ASSERT(!tracker.isMeta());  // metadata Zones are never striped
         return readStripeColumns(entry, offset, window, tracker, true);
@@ -176,28 +191,13 @@ StatusCode ZoneManager::ReadOriginalData(uint32_t& zone, uint32_t& offset, DataW
     return StatusCode::UnsupportedZoneType;
 }
 
-StatusCode ZoneManager::ReadReconstructedData(uint32_t& zone, uint32_t& offset, DataWindow& window,
-                                              IOTracker& tracker) {
-    ZoneTableEntry entry;
-    StatusCode st = entryForRead(zone, offset, window, "reconstructed", entry);
-    if (!st.ok()) return st;
+StatusCode ZoneManager::readReconstructed(const ZoneTableEntry& entry, uint32_t offset, DataWindow& window,
+                                          IOTracker& tracker) {
     const RedundancyType type = entry.type();
     if (isMirrorLike(type)) {
-        st = readMirrorCopy(entry, RegionCopy::Primary, offset, window, tracker);
-        if (!st.ok() && st != StatusCode::DiskNotPresent && st != StatusCode::ZM_UnusableRegion) {
-            tracef(coutTrace, "ReadReconstructedData: Error reading PrimaryRedundant data from Zone %lu, offset %lu - %s\n",
-                   (unsigned long)zone, (unsigned long)offset, st.Dump().c_str());
-            LayoutManager::GetInstance()->InitiateBackgroundPatch(zone, offset, 1, tracker);
-        }
+        StatusCode st = readMirrorCopy(entry, RegionCopy::Primary, offset, window, tracker);
         if (st.ok() || type != RedundancyType::Mirrored3) return st;
-        st = readMirrorCopy(entry, RegionCopy::Secondary, offset, window, tracker);
-        if (!st.ok() && st != StatusCode::DiskNotPresent && st != StatusCode::ZM_UnusableRegion) {
-            tracef(coutTrace,
-                   "ReadReconstructedData: Error reading SecondaryRedundant data from Zone %lu, offset %lu - %s\n",
-                   (unsigned long)zone, (unsigned long)offset, st.Dump().c_str());
-            LayoutManager::GetInstance()->InitiateBackgroundPatch(zone, offset, 2, tracker);
-        }
-        return st;
+        return readMirrorCopy(entry, RegionCopy::Secondary, offset, window, tracker);
     }
     if (RedundancyGeometry::IsStripe(type)) {
         ESA_ASSERT(!tracker.isMeta());
