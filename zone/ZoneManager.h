@@ -201,6 +201,9 @@ private:
     // traced and patched in the background.
     StatusCode readMirrorCopy(const ZoneTableEntry& entry, RegionCopy copy, uint32_t offset, DataWindow& window,
                               IOTracker& tracker);
+    // WriteRegionData for an entry already looked up (failures start at 0).
+    StatusCode writeRegion(const ZoneTableEntry& entry, uint32_t offset, DataWindow& window, IOTracker& tracker,
+                           unsigned& failures);
     // The reads of one piece for an entry already looked up.
     StatusCode readOriginal(const ZoneTableEntry& entry, uint32_t offset, DataWindow& window, IOTracker& tracker);
     StatusCode readReconstructed(const ZoneTableEntry& entry, uint32_t offset, DataWindow& window,

@@ -93,8 +93,9 @@ StatusCode ZoneManager::WriteDataNoLock(uint32_t zone, uint64_t offset, DataWind
             DataWindow active(piece, activeStart - pos, activeEnd - activeStart);
             uint32_t activePos = activeStart, activeLen = activeEnd - activeStart;
             if (cooperate) mCoop.completeLine(slot, zone, line, activePos, activeLen, active);
+            // The entry looked up above serves every piece: the table lock is held.
             unsigned failures = 0;
-            st = WriteRegionData(zone, activePos, active, tracker, failures);
+            st = writeRegion(entry, activePos, active, tracker, failures);
             if (failures > allowed) {
                 tracef(coutTrace, "Too many write failures (%u): Unrecoverable WriteError\n", failures);
                 ZoneTable::GetInstance()->DumpEntry(coutTrace, entry);

@@ -101,10 +101,16 @@ StatusCode ZoneManager::WriteRegionData(uint32_t zone, uint32_t offset, DataWind
         failures += kNothingWritten;
         return st;
     }
+    return writeRegion(entry, offset, window, tracker, failures);
+}
+
+StatusCode ZoneManager::writeRegion(const ZoneTableEntry& entry, uint32_t offset, DataWindow& window,
+                                    IOTracker& tracker, unsigned& failures) {
+    const uint32_t zone = entry.zoneNumber;
     const RedundancyType type = entry.type();
     if (type == RedundancyType::None) {
         unsigned slot = 0;
-        st = entry.CalculateDataRegion(offset, slot);
+        StatusCode st = entry.CalculateDataRegion(offset, slot);
         if (st.ok())
             st = RegionManager::GetInstance()->WriteData(entry.disk[slot], entry.region[slot],
                                                          offset % entry.geometry().GetRegionBoundary(), window,
