@@ -17,6 +17,13 @@ inline uint32_t crc(const uint8_t* p, size_t n) {
     }
     return c;
 }
+// The CRC of n bytes as they are stored with their own 4-byte CRC field at
+// `field` taken as zero.
+inline uint32_t crcWithFieldZero(const uint8_t* p, size_t n, size_t field) {
+    std::string copy(reinterpret_cast<const char*>(p), n);
+    std::memset(copy.data() + field, 0, 4);
+    return crc(reinterpret_cast<const uint8_t*>(copy.data()), n);
+}
 inline uint32_t le32(const uint8_t* p) { return p[0] | p[1] << 8 | p[2] << 16 | uint32_t(p[3]) << 24; }
 inline uint16_t le16(const uint8_t* p) { return uint16_t(p[0] | p[1] << 8); }
 inline std::string text(const uint8_t* p, size_t room) {
@@ -84,22 +91,17 @@ inline RMHeader readRMHeader(const uint8_t* s) {
     h.padding = le32(s + 0x78);
     h.recoveryGeneration = uint64_t(be32(s + 0x7C)) << 32 | be32(s + 0x80);
     h.allocBase = be32(s + 0x84);
-    uint8_t copy[512];
-    std::memcpy(copy, s, 512);
-    std::memset(copy + 0x70, 0, 4);
     uint32_t stored = be32(s + 0x70);
-    h.valid = be32(s) == 0x524D4D44 && h.version >= 3 && h.version <= 6 && (stored == 0 || crc(copy, 512) == stored);
+    h.valid = be32(s) == 0x524D4D44 && h.version >= 3 && h.version <= 6 &&
+              (stored == 0 || crcWithFieldZero(s, 512, 0x70) == stored);
     return h;
 }
 
 // The Region allocation bitmap: is Region r allocated?
 inline bool rabmAllocated(const uint8_t* area, uint32_t r) { return area[12 + r / 8] >> (r % 8) & 1; }
 inline bool rabmValid(const uint8_t* area, uint32_t areaBytes) {
-    std::string copy(reinterpret_cast<const char*>(area), areaBytes);
-    std::memset(copy.data() + 8, 0, 4);
     uint32_t stored = be32(area + 8);
-    return be32(area) == 0x5241424D &&
-           (stored == 0 || crc(reinterpret_cast<const uint8_t*>(copy.data()), areaBytes) == stored);
+    return be32(area) == 0x5241424D && (stored == 0 || crcWithFieldZero(area, areaBytes, 8) == stored);
 }
 
 }  // namespace independent
@@ -118,10 +120,7 @@ inline RecoveryRecord readRecoveryBlock(const uint8_t* s) {
     RecoveryRecord r;
     r.magic = le32(s) == 0x5245434F;
     r.crc = le32(s + 4);
-    uint8_t copy[0x88];
-    std::memcpy(copy, s, sizeof copy);
-    std::memset(copy + 4, 0, 4);
-    r.crcValid = r.crc != 0 && crc(copy, sizeof copy) == r.crc;
+    r.crcValid = r.crc != 0 && crcWithFieldZero(s, 0x88, 4) == r.crc;
     r.version = le32(s + 8);
     r.packId0 = le32(s + 0x10);
     r.packId1 = le32(s + 0x14);
@@ -166,10 +165,8 @@ inline ZisHeader readZisHeader(const uint8_t* s) {
     h.zoneSize = le32(s + 0x34);
     bool crcGood = false;
     if (length >= 0x38 && length <= 4096) {
-        std::string copy(reinterpret_cast<const char*>(s), length);
-        std::memset(copy.data() + 8, 0, 4);
         uint32_t stored = le32(s + 8);
-        crcGood = stored == 0 || crc(reinterpret_cast<const uint8_t*>(copy.data()), length) == stored;
+        crcGood = stored == 0 || crcWithFieldZero(s, length, 8) == stored;
     }
     h.valid = le32(s) == 0x5461626C && le32(s + 4) == 0x5A6F6E65 && h.version == 8 && crcGood;
     return h;
