@@ -8,7 +8,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   nlohmann-json3-dev
   libiscsi-dev libiscsi-bin libisal-dev
-  qemu-utils tgt
+  qemu-utils qemu-block-extra tgt
   e2fsprogs dosfstools python3
 )
 
