@@ -14,6 +14,8 @@
 #include "management/ConsoleServer.h"
 #include "management/EventLogManager.h"
 #include "platform/board/Board.h"
+#include "platform/board/BoardPowerCut.h"
+#include "platform/drive/SimDriveController.h"
 #include "platform/board/BoardServices.h"
 #include "platform/flash/Flash.h"
 #include "platform/rtos/Rtos.h"
@@ -135,6 +137,8 @@ int esaStandaloneMain(int argc, char** argv) {
         return 1;
     }
     Board::GetInstance().open();
+    installBoardPowerCut();  // esa-board cut reaches this process from here on
+    std::printf("%s\n", SimDriveController::GetInstance().cacheSettings().c_str());
     taskRegisterSelf("tEsaBoot", 100);
     // 2. The descriptor table size is the host's affair here.
     // 3.

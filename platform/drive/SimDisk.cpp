@@ -1,9 +1,12 @@
 #include "platform/drive/SimDisk.h"
 
+#include "platform/board/BoardPowerCut.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <random>
@@ -165,15 +168,23 @@ std::unique_ptr<SimDisk> SimDisk::open(const fs::path& base, std::string& error)
     return d;
 }
 
+SimDisk::SimDisk()
+    : mCache([this](uint64_t lba, const uint8_t* data, uint32_t sectors) {
+          return pwriteAll(data, size_t(sectors) * kSectorSize, lba * kSectorSize);
+      }) {}
+
 SimDisk::~SimDisk() {
-    // A disk object ends when the disk leaves the board or the process ends in
-    // order; either way the power is gone and the cache with it.
+    // A disk object ends when the disk leaves the board (its cache was lost
+    // then) or the process ends in order: the power is gone and the cache with it.
+    stopWriteBack();
     std::lock_guard<std::mutex> g(mLock);
+    mCache.drop();
     saveSidecarLocked();
     if (mFd >= 0) ::close(mFd);
 }
 
 bool SimDisk::pwriteAll(const uint8_t* data, size_t bytes, uint64_t offset) {
+    if (boardPowerIsCut()) waitForPowerToGo();
     while (bytes) {
         ssize_t n = ::pwrite(mFd, data, bytes, off_t(offset));
         if (n <= 0) return false;
@@ -208,15 +219,7 @@ uint32_t SimDisk::read(uint64_t lba, const DriveScatterEntry* entries, uint32_t 
             }
             done += size_t(n);
         }
-        if (!mCache.empty()) {
-            for (uint32_t s = 0; s < entries[i].sectors; ++s) {
-                uint64_t l = pos + s;
-                auto it = mCache.find(l / kChunkSectors);
-                if (it == mCache.end() || !(it->second.present >> (l % kChunkSectors) & 1)) continue;
-                std::memcpy(dst + size_t(s) * kSectorSize, it->second.data.get() + (l % kChunkSectors) * kSectorSize,
-                            kSectorSize);
-            }
-        }
+        mCache.overlay(pos, dst, entries[i].sectors);
         pos += entries[i].sectors;
     }
     mCounters.sectorsRead += sectors;
@@ -235,18 +238,7 @@ uint32_t SimDisk::write(uint64_t lba, const DriveScatterEntry* entries, uint32_t
         if (mWriteThrough) {
             if (!pwriteAll(src, size_t(n) * kSectorSize, pos * kSectorSize)) return DriveStatus::MediaError;
         } else {
-            for (uint32_t s = 0; s < n; ++s) {
-                uint64_t l = pos + s;
-                uint64_t index = l / kChunkSectors;
-                auto [it, fresh] = mCache.try_emplace(index);
-                if (fresh) {
-                    it->second.data.reset(new uint8_t[kChunkSectors * kSectorSize]);
-                    mCacheOrder.push_back(index);
-                }
-                std::memcpy(it->second.data.get() + (l % kChunkSectors) * kSectorSize, src + size_t(s) * kSectorSize,
-                            kSectorSize);
-                it->second.present |= uint64_t(1) << (l % kChunkSectors);
-            }
+            mCache.put(pos, src, n);
         }
         pos += n;
     }
@@ -259,58 +251,72 @@ uint32_t SimDisk::write(uint64_t lba, const DriveScatterEntry* entries, uint32_t
         saveSidecarLocked();
     }
     mCounters.sectorsWritten += sectors;
-    evictLocked();
+    if (mWriteBack.joinable()) mWriteBackWake.notify_one();
     return DriveStatus::Success;
-}
-
-void SimDisk::writeChunkLocked(uint64_t index, Chunk& c) {
-    unsigned s = 0;
-    while (s < kChunkSectors) {
-        if (!(c.present >> s & 1)) {
-            ++s;
-            continue;
-        }
-        unsigned e = s;
-        while (e < kChunkSectors && (c.present >> e & 1)) ++e;
-        pwriteAll(c.data.get() + s * kSectorSize, (e - s) * kSectorSize, (index * kChunkSectors + s) * kSectorSize);
-        s = e;
-    }
-    c.present = 0;
-}
-
-void SimDisk::evictLocked() {
-    while (mCache.size() > kCacheLimitChunks && !mCacheOrder.empty()) {
-        uint64_t index = mCacheOrder.front();
-        mCacheOrder.pop_front();
-        auto it = mCache.find(index);
-        if (it == mCache.end()) continue;
-        writeChunkLocked(index, it->second);
-        mCache.erase(it);
-    }
 }
 
 void SimDisk::flushCache() {
     std::lock_guard<std::mutex> g(mLock);
-    for (uint64_t index : mCacheOrder) {
-        auto it = mCache.find(index);
-        if (it != mCache.end()) writeChunkLocked(index, it->second);
-    }
-    mCache.clear();
-    mCacheOrder.clear();
+    mCache.flush();
     mCounters.flushes++;
 }
 
 void SimDisk::loseCache() {
     std::lock_guard<std::mutex> g(mLock);
-    mCache.clear();
-    mCacheOrder.clear();
+    mCache.lose();
 }
 
 size_t SimDisk::cachedSectors() {
     std::lock_guard<std::mutex> g(mLock);
-    size_t n = 0;
-    for (auto& [i, c] : mCache) n += size_t(__builtin_popcountll(c.present));
-    return n;
+    return mCache.sectors();
+}
+
+void SimDisk::setCacheMode(DriveCacheMode mode, uint64_t seed, bool writeBack) {
+    stopWriteBack();
+    std::lock_guard<std::mutex> g(mLock);
+    mCache.configure(mode, seed);
+    if (mode == DriveCacheMode::Random && writeBack) {
+        mWriteBackStop = false;
+        mWriteBack = std::thread([this] { writeBackLoop(); });
+    }
+}
+
+DriveCacheMode SimDisk::cacheMode() {
+    std::lock_guard<std::mutex> g(mLock);
+    return mCache.mode();
+}
+
+bool SimDisk::writeBackSome() {
+    std::lock_guard<std::mutex> g(mLock);
+    return mCache.mode() == DriveCacheMode::Random && mCache.writeBackSome();
+}
+
+void SimDisk::stopWriteBack() {
+    {
+        std::lock_guard<std::mutex> g(mLock);
+        mWriteBackStop = true;
+    }
+    mWriteBackWake.notify_all();
+    if (mWriteBack.joinable()) mWriteBack.join();
+}
+
+// The drive's own write-back: while anything is cached, one run of random
+// sectors at a time, with a random pause of up to 2 ms between runs (the
+// drive's own timing, not the board clock's), so that a process that dies at
+// any moment leaves a different part of its unflushed writes on the image.
+void SimDisk::writeBackLoop() {
+    std::unique_lock<std::mutex> g(mLock);
+    while (!mWriteBackStop) {
+        if (mCache.empty()) {
+            mWriteBackWake.wait(g, [this] { return mWriteBackStop || !mCache.empty(); });
+            continue;
+        }
+        uint64_t draw = mCache.draw();
+        // Now and then the drive lets the cache sit a while longer.
+        auto pause = std::chrono::microseconds(draw % 16 == 0 ? 2000 : draw % 500);
+        mWriteBackWake.wait_for(g, pause, [this] { return mWriteBackStop; });
+        if (!mWriteBackStop) mCache.writeBackSome();
+    }
 }
 
 void SimDisk::setWriteThrough(bool on) {
@@ -495,10 +501,9 @@ nlohmann::json SimDisk::describe() {
                         {"serial", mIdentity.serial},
                         {"sectors", mSectors},
                         {"badSectors", mBadSectors.size()},
-                        {"writeThrough", mWriteThrough}};
-    size_t cached = 0;
-    for (auto& [i, c] : mCache) cached += size_t(__builtin_popcountll(c.present));
-    j["cachedSectors"] = cached;
+                        {"writeThrough", mWriteThrough},
+                        {"cache", driveCacheModeName(mCache.mode())}};
+    j["cachedSectors"] = mCache.sectors();
     nlohmann::json faults = nlohmann::json::array();
     for (auto& f : mFaults) faults.push_back(f.describe());
     j["faults"] = faults;

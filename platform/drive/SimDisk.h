@@ -4,24 +4,29 @@
 // sectors; SMART values; the persistent bad-sector map; counters; armed
 // faults). The two files are the disk: moving them moves the disk.
 //
-// It owns the drive's volatile write cache: written sectors sit in memory
-// (reads see them) until FLUSH CACHE or eviction writes them to the image; a
-// power loss (pull, slot power off, process death) drops them. A sector is
-// written to the image whole or not at all (pwrite of whole 4 KiB pages
-// aligned to sectors), so a power cut never tears one. Thread-safe: one
-// mutex guards the cache, the image and the sidecar values.
+// It owns the drive's volatile write cache (DriveWriteCache: written sectors
+// sit in memory, reads see them) and, in the cache's random mode, the drive's
+// write-back thread, which puts cached sectors on the image in random runs at
+// random pauses, as a drive does between flushes. A power loss (pull, slot
+// power off) lands a random subset of what is still cached and drops the
+// rest; the death of the process leaves what the write-back had done. A
+// sector is written to the image whole or not at all (pwrite of whole
+// sectors), so a power cut never tears one sector; a multi-sector write may
+// be torn. After a board power cut nothing more reaches the image. Thread-
+// safe: one mutex guards the cache, the image and the sidecar values.
+#include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <unordered_map>
+#include <thread>
 #include <vector>
 
 #include "platform/drive/DiskFault.h"
+#include "platform/drive/DriveWriteCache.h"
 #include "platform/drive/DriveCommand.h"
 
 class SimDisk {
@@ -54,9 +59,16 @@ public:
     uint32_t read(uint64_t lba, const DriveScatterEntry* entries, uint32_t count, uint32_t sectors);
     uint32_t write(uint64_t lba, const DriveScatterEntry* entries, uint32_t count, uint32_t sectors);
     void flushCache();     // writes the cache to the image
-    void loseCache();      // power loss: the cache is gone
+    void loseCache();      // power loss: random mode lands a random subset of the cache first
     size_t cachedSectors();
     void setWriteThrough(bool on);
+    // The cache's behaviour and its generator's seed; `writeBack` starts the
+    // background write-back of the random mode (off: the cache moves only when
+    // full, at a flush and at a power loss, which replays exactly).
+    void setCacheMode(DriveCacheMode mode, uint64_t seed, bool writeBack);
+    DriveCacheMode cacheMode();
+    // Random mode: one run of cached sectors to the image, as the write-back thread does.
+    bool writeBackSome();
     bool writeThrough() const { return mWriteThrough; }
 
     void identify(uint8_t out[512]);
@@ -78,17 +90,10 @@ public:
     nlohmann::json describe();
 
 private:
-    static constexpr unsigned kChunkSectors = 64;
-    static constexpr size_t kCacheLimitChunks = 256;  // 8 MiB of dirty data, then the oldest is written out
-    struct Chunk {
-        uint64_t present = 0;  // bit n: sector n of the chunk is cached
-        std::unique_ptr<uint8_t[]> data;
-    };
-
-    SimDisk() = default;
+    SimDisk();
     bool pwriteAll(const uint8_t* data, size_t bytes, uint64_t offset);
-    void writeChunkLocked(uint64_t index, Chunk& c);
-    void evictLocked();
+    void stopWriteBack();
+    void writeBackLoop();
     void saveSidecarLocked();
     std::optional<DiskFault> takeLocked(const std::function<bool(const DiskFault&)>& pred);
 
@@ -105,6 +110,8 @@ private:
     } mCounters;
     bool mWriteThrough = false;
     std::mutex mLock;
-    std::unordered_map<uint64_t, Chunk> mCache;
-    std::deque<uint64_t> mCacheOrder;  // chunk indexes, oldest first
+    DriveWriteCache mCache;
+    std::condition_variable mWriteBackWake;  // a write came, or the thread must stop
+    bool mWriteBackStop = false;
+    std::thread mWriteBack;
 };

@@ -1,6 +1,7 @@
 #include "platform/drive/SimDriveController.h"
 
 #include <cstdlib>
+#include <random>
 
 #include "platform/board/Board.h"
 #include "platform/rtos/BoardClock.h"
@@ -32,10 +33,45 @@ fs::path SimDriveController::slotBase(unsigned slot) const {
     return Board::GetInstance().dir() / "slots" / std::to_string(slot);
 }
 
+// Read once per process: a forget() (a restart in a unit test) keeps them.
+void SimDriveController::readCacheSettingsLocked() {
+    if (mCacheSettingsRead) return;
+    mCacheSettingsRead = true;
+    if (const char* wt = std::getenv("ESA_DRIVE_WRITETHROUGH")) mWriteThrough = std::atoi(wt) != 0;
+    if (const char* mode = std::getenv("ESA_DRIVE_CACHE"); mode && *mode && !parseDriveCacheMode(mode, mCacheMode))
+        Board::GetInstance().log(std::string("ESA_DRIVE_CACHE '") + mode + "' unknown: random, ordered");
+    const char* seed = std::getenv("ESA_DRIVE_SEED");
+    if (seed && *seed) {
+        mSeed = std::strtoull(seed, nullptr, 0);
+    } else {
+        std::random_device rd;
+        mSeed = (uint64_t(rd()) << 32 | rd()) % 1000000000;
+    }
+    mSeedDrawn = !(seed && *seed);
+    Board::GetInstance().log(cacheSettingsLineLocked());
+}
+
+std::string SimDriveController::cacheSettingsLineLocked() {
+    return std::string("drive cache ") + (mWriteThrough ? "write-through" : driveCacheModeName(mCacheMode)) +
+           ", ESA_DRIVE_SEED=" + std::to_string(mSeed) + (mSeedDrawn ? " (drawn)" : "");
+}
+
+std::string SimDriveController::cacheSettings() {
+    std::lock_guard<std::mutex> g(mLock);
+    readCacheSettingsLocked();
+    return cacheSettingsLineLocked();
+}
+
+void SimDriveController::configureDiskLocked(SimDisk& disk, unsigned slot) {
+    uint64_t seed = mSeed ^ (uint64_t(slot + 1) * 0x9E3779B97F4A7C15ull) ^ (++mDisksOpened * 0xBF58476D1CE4E5B9ull);
+    disk.setCacheMode(mCacheMode, seed, mWriteBack);
+    disk.setWriteThrough(mWriteThrough);
+}
+
 void SimDriveController::scanLocked() {
     if (mScanned) return;
     mScanned = true;
-    if (const char* wt = std::getenv("ESA_DRIVE_WRITETHROUGH")) mWriteThrough = std::atoi(wt) != 0;
+    readCacheSettingsLocked();
     for (unsigned s = 0; s < kDriveSlots; ++s) {
         mSlots[s].disk.reset();
         fs::path base = slotBase(s);
@@ -46,7 +82,7 @@ void SimDriveController::scanLocked() {
             Board::GetInstance().log("drive " + slotText(s) + " unreadable: " + error);
             continue;
         }
-        d->setWriteThrough(mWriteThrough);
+        configureDiskLocked(*d, s);
         mSlots[s].disk = std::move(d);
         mSlots[s].generation++;
     }
@@ -344,7 +380,7 @@ bool SimDriveController::insertDisk(unsigned slot, const std::string& sizeOrFile
         if (disk && !disk->moveTo(base, message)) disk.reset();
     }
     if (!disk) return false;
-    disk->setWriteThrough(mWriteThrough);
+    configureDiskLocked(*disk, slot);
     message = "slot " + std::to_string(slot) + ": " + disk->identity().model + " " + disk->identity().serial + " " +
               std::to_string(disk->sectors()) + " sectors";
     s.disk = std::move(disk);
@@ -408,6 +444,40 @@ void SimDriveController::setWriteThrough(bool on) {
     mWriteThrough = on;
     for (auto& s : mSlots)
         if (s.disk) s.disk->setWriteThrough(on);
+}
+
+void SimDriveController::setCacheMode(DriveCacheMode mode, bool writeBack) {
+    std::lock_guard<std::mutex> g(mLock);
+    scanLocked();
+    mCacheMode = mode;
+    mWriteBack = writeBack;
+    for (unsigned s = 0; s < kDriveSlots; ++s)
+        if (mSlots[s].disk) configureDiskLocked(*mSlots[s].disk, s);
+}
+
+DriveCacheMode SimDriveController::cacheMode() {
+    std::lock_guard<std::mutex> g(mLock);
+    readCacheSettingsLocked();
+    return mCacheMode;
+}
+
+bool SimDriveController::writeBackOn() {
+    std::lock_guard<std::mutex> g(mLock);
+    readCacheSettingsLocked();
+    return mWriteBack;
+}
+
+void SimDriveController::setDriveSeed(uint64_t seed) {
+    std::lock_guard<std::mutex> g(mLock);
+    readCacheSettingsLocked();
+    mSeed = seed;
+    mDisksOpened = 0;
+}
+
+uint64_t SimDriveController::driveSeed() {
+    std::lock_guard<std::mutex> g(mLock);
+    readCacheSettingsLocked();
+    return mSeed;
 }
 
 bool SimDriveController::diskPresent(unsigned slot) {

@@ -44,6 +44,19 @@ public:
     bool clearFaults(unsigned slot, std::string& error);
     bool addBadSector(unsigned slot, uint64_t lba, std::string& error);
     void setWriteThrough(bool on);
+    // The drives' cache behaviour (ESA_DRIVE_CACHE, default random) and the
+    // seed of their write-back (ESA_DRIVE_SEED, else one drawn and printed at
+    // the first use); each disk's generator is seeded from it, its slot and
+    // the number of disks opened before it, so a run replays from the seed.
+    // `writeBack` off keeps the random mode's background write-back stopped.
+    void setCacheMode(DriveCacheMode mode, bool writeBack = true);
+    DriveCacheMode cacheMode();
+    bool writeBackOn();
+    void setDriveSeed(uint64_t seed);
+    uint64_t driveSeed();
+    // "drive cache random, ESA_DRIVE_SEED=N": printed at start, so that a
+    // failing run can be replayed.
+    std::string cacheSettings();
     bool diskPresent(unsigned slot);
     bool slotPowered(unsigned slot);
     int readsAndWritesInFlight(unsigned slot);
@@ -71,6 +84,9 @@ private:
     };
 
     void scanLocked();
+    void readCacheSettingsLocked();
+    std::string cacheSettingsLineLocked();
+    void configureDiskLocked(SimDisk& disk, unsigned slot);
     std::filesystem::path slotBase(unsigned slot) const;
     void postHotPlug(uint32_t event, unsigned slot);
     void setSlotPowerLocked(unsigned slot, bool on);
@@ -85,6 +101,12 @@ private:
     std::condition_variable mWake;
     bool mScanned = false;
     bool mWriteThrough = false;
+    bool mCacheSettingsRead = false;
+    DriveCacheMode mCacheMode = DriveCacheMode::Random;
+    bool mWriteBack = true;
+    uint64_t mSeed = 0;
+    bool mSeedDrawn = false;
+    uint64_t mDisksOpened = 0;
     Slot mSlots[kDriveSlots];
     std::map<int, Descriptor> mDescriptors;
     int mNextFd = 3000;

@@ -7,7 +7,10 @@
 #include <string>
 #include <unistd.h>
 
+#include <cstdio>
+
 #include "platform/board/Board.h"
+#include "platform/drive/SimDriveController.h"
 #include "platform/rtos/BoardClock.h"
 #include "platform/rtos/Rtos.h"
 
@@ -19,6 +22,8 @@ int main(int argc, char** argv) {
     BoardClock::GetInstance().configure(BoardClock::Mode::Virtual);
     Board::GetInstance().open(dir);
     taskRegisterSelf("tUnitTest", 100);
+    // The drives' cache and seed: ESA_DRIVE_SEED=N replays a failing run.
+    std::printf("%s\n", SimDriveController::GetInstance().cacheSettings().c_str());
     int rc = RUN_ALL_TESTS();
     std::error_code ec;
     std::filesystem::remove_all(dir, ec);

@@ -6,19 +6,28 @@
 //   esa-board pull DIR SLOT                            the disk goes to DIR/shelf/SERIAL.{img,json}
 //   esa-board fault DIR SLOT KIND [WORDS...]           arm a fault (see below); "clear", "list", "bad LBA"
 //   esa-board button DIR on|off|flicker                the disk-clear button
+//   esa-board cut DIR [--within MS] [--seed N]         a power cut of the running esa, now or at a
+//                                                      moment the board draws within MS milliseconds
 //
 // Fault words: KIND [read|write|any] [lba=A[-B]] [once|always|times=N] [ms=N] [queries=N]
 // with KIND one of media, recovered, recoveredchannel, channel, accesstimeout,
 // channeltimeout, notpresent, startfailure, sizezero, latency.
 // While esa runs, use its console instead (insertDisk, removeDisk, injectError).
+#include <signal.h>
+
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
+#include <random>
+#include <thread>
 #include <iostream>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "platform/board/Board.h"
+#include "platform/board/BoardPowerCut.h"
 #include "platform/drive/SimDriveController.h"
 
 namespace fs = std::filesystem;
@@ -33,7 +42,8 @@ int usage() {
                  "       esa-board fault DIR SLOT KIND [read|write|any] [lba=A[-B]] [once|always|times=N] [ms=N] "
                  "[queries=N]\n"
                  "       esa-board fault DIR SLOT clear|list|bad LBA\n"
-                 "       esa-board button DIR on|off|flicker\n";
+                 "       esa-board button DIR on|off|flicker\n"
+                 "       esa-board cut DIR [--within MS] [--seed N]\n";
     return 2;
 }
 
@@ -166,6 +176,47 @@ int fault(const fs::path& dir, unsigned slot, const std::vector<std::string>& wo
     return 0;
 }
 
+// A power cut of the esa running on the board, at a moment the board
+// chooses: the esa's board layer freezes every drive's medium at the signal
+// and the process ends as by kill -9. Waits until the process is gone.
+int cut(const fs::path& dir, const std::vector<std::string>& options) {
+    uint64_t withinMs = 0, seed = std::random_device{}();
+    for (size_t i = 0; i + 1 < options.size(); i += 2) {
+        char* end = nullptr;
+        uint64_t v = std::strtoull(options[i + 1].c_str(), &end, 0);
+        if (!end || *end) return usage();
+        if (options[i] == "--within") withinMs = v;
+        else if (options[i] == "--seed") seed = v;
+        else return usage();
+    }
+    if (options.size() % 2) return usage();
+    pid_t pid = boardEsaPid(dir);
+    if (pid < 0) {
+        std::cerr << "esa-board: no esa runs on " << dir.string() << "\n";
+        return 1;
+    }
+    if (withinMs) {
+        std::mt19937_64 random(seed);
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % (withinMs * 1000)));
+    }
+    if (::kill(pid, SIGPWR) != 0) {
+        std::cerr << "esa-board: esa " << pid << " is gone\n";
+        return 1;
+    }
+    // Gone, or a zombie that its parent has still to collect.
+    for (int i = 0; i < 2000; ++i) {
+        std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+        std::string pidText, name, state;
+        if (!(stat >> pidText >> name >> state) || state == "Z" || state == "X") {
+            std::cout << "power cut: esa " << pid << "\n";
+            return 0;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    std::cerr << "esa-board: esa " << pid << " still runs after the cut\n";
+    return 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -191,6 +242,7 @@ int main(int argc, char** argv) {
             Board::GetInstance().updateConfig([&](nlohmann::json& j) { j["clearButton"] = value; });
             return 0;
         }
+        if (cmd == "cut") return cut(dir, {a.begin() + 2, a.end()});
         unsigned slot = 0;
         if (a.size() < 3 || !parseSlot(a[2], slot)) return usage();
         if (cmd == "insert" && a.size() == 4) {
