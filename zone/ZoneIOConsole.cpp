@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/rtos/BoardClock.h"
+#include "disk/DiskManager.h"
 #include "region/RegionManager.h"
 #include "util/ConsoleCommand.h"
 #include "zone/LayoutManager.h"
@@ -134,6 +135,11 @@ int writeVerifyZM(int argc, char** argv, std::ostream& out) {
     ZoneDataCheck::Result result;
     const std::vector<ZoneDataCheck::Extent> extent{{offset, length}};
     ZoneDataCheck::writeExtents(zone, uint32_t(seed), extent, result, &out);
+    // Success acknowledges the write, as a host's write is acknowledged: the
+    // data must survive a power cut from then on. The Zone write leaves it in
+    // the drives' write caches, which may hold it back, or put any part of it
+    // on the media, until a flush; so the drives are flushed first.
+    if (DiskManager::GetInstance()->FlushAllDrives() != StatusCode::Success) ++result.errors;
     // Read back both ways: the data copy, and the data rebuilt from its redundancy alone.
     unsigned bad = result.errors;
     for (bool original : {true, false}) {

@@ -1,0 +1,158 @@
+#include "tests/soak/SoakWorkloads.h"
+
+#include <map>
+#include <set>
+#include <sstream>
+
+#include "tests/support/EsaProcess.h"
+#include "tests/support/PackImage.h"
+
+namespace {
+
+std::vector<std::string> words(const std::string& line) {
+    std::istringstream in(line);
+    std::vector<std::string> out;
+    for (std::string w; in >> w;) out.push_back(w);
+    return out;
+}
+
+std::string join(const std::vector<unsigned>& values) {
+    std::string out;
+    for (unsigned v : values) out += " " + std::to_string(v);
+    return out;
+}
+
+// The console broke: the esa is gone (the cut came).
+bool gone(const ConsoleResult& r) { return r.rc == -1000; }
+
+}  // namespace
+
+// ---- Zone patterns
+
+bool ZonePatternWorkload::prepare(const std::string& board, AckLog& log, std::mt19937_64&) {
+    log.intent("zones");
+    ConsoleResult r = runConsoleCommand(board, "alloczones " + std::to_string(kZones));
+    std::vector<unsigned> zones = packimage::allocatedZonesIn(r.output);
+    if (r.rc != 0 || zones.size() != kZones) return false;
+    log.ack("zones" + join(zones));
+    return true;
+}
+
+void ZonePatternWorkload::run(const std::string& board, AckLog& log, std::mt19937_64& random,
+                              const std::atomic<bool>& stop) {
+    std::vector<unsigned> zones;
+    for (auto& e : log.entries())
+        if (e.acknowledged && e.request == "zones")
+            for (size_t i = 1; i < words(e.result).size(); ++i) zones.push_back(unsigned(std::stoul(words(e.result)[i])));
+    if (zones.empty()) return;
+    while (!stop) {
+        unsigned zone = zones[random() % zones.size()];
+        unsigned slot = unsigned(random() % kSlots);
+        uint32_t seed = uint32_t(random() % 1000000) + 1;
+        std::string request = "write " + std::to_string(zone) + " " + std::to_string(slot) + " " + std::to_string(seed);
+        log.intent(request);
+        ConsoleResult r = runConsoleCommand(board, "writeVerifyZM " + std::to_string(zone) + " " +
+                                                       std::to_string(slot * kSlotBytes) + " " +
+                                                       std::to_string(kSlotBytes) + " " + std::to_string(seed));
+        if (gone(r)) return;
+        if (r.rc == 0) log.ack(request);
+    }
+}
+
+void ZonePatternWorkload::check(const std::string& board, const AckLog& log, SoakTally& tally) {
+    // Per Zone and slot: the last acknowledged seed, unless a later write to
+    // the slot went out unacknowledged.
+    std::map<std::pair<unsigned, unsigned>, uint32_t> last;
+    for (auto& e : log.entries()) {
+        auto w = words(e.request);
+        if (w.size() != 4 || w[0] != "write") continue;
+        auto key = std::make_pair(unsigned(std::stoul(w[1])), unsigned(std::stoul(w[2])));
+        if (e.acknowledged) last[key] = uint32_t(std::stoul(w[3]));
+        else last.erase(key);
+    }
+    for (auto& [key, seed] : last) {
+        ++tally.checked;
+        ConsoleResult r = runConsoleCommand(board, "writeVerifyZM " + std::to_string(key.first) + " " +
+                                                       std::to_string(key.second * kSlotBytes) + " " +
+                                                       std::to_string(kSlotBytes) + " " + std::to_string(seed) +
+                                                       " verify");
+        if (r.rc == 0 && r.output.find("verify passed") != std::string::npos) continue;
+        ++tally.lost;
+        tally.failures.push_back("Zone " + std::to_string(key.first) + " slot " + std::to_string(key.second) +
+                                 ": the acknowledged pattern " + std::to_string(seed) + " is lost:\n" + r.output);
+    }
+}
+
+// ---- Zone churn
+
+void ZoneChurnWorkload::run(const std::string& board, AckLog& log, std::mt19937_64& random,
+                            const std::atomic<bool>& stop) {
+    // The Zones this workload holds for sure: acknowledged, and not touched by
+    // a request that went out unacknowledged since.
+    std::set<unsigned> live;
+    for (auto& e : log.entries()) {
+        auto w = words(e.request);
+        if (w.empty()) continue;
+        if (w[0] == "free" && w.size() == 2) live.erase(unsigned(std::stoul(w[1])));
+        if (w[0] == "alloc" && e.acknowledged) {
+            auto r = words(e.result);
+            for (size_t i = 2; i < r.size(); ++i) live.insert(unsigned(std::stoul(r[i])));
+        }
+    }
+    while (!stop) {
+        if (live.size() < kMostLive && (live.size() < 2 || random() % 2)) {
+            unsigned n = 1 + unsigned(random() % 3);
+            log.intent("alloc " + std::to_string(n));
+            ConsoleResult r = runConsoleCommand(board, "alloczones " + std::to_string(n));
+            if (gone(r)) return;
+            std::vector<unsigned> zones = packimage::allocatedZonesIn(r.output);
+            // Each Zone printed was committed, even when a later one failed.
+            log.ack("alloc " + std::to_string(n) + join(zones));
+            live.insert(zones.begin(), zones.end());
+            if (r.rc != 0) return;  // no more room: this start's churn is over
+        } else if (!live.empty()) {
+            auto it = live.begin();
+            std::advance(it, long(random() % live.size()));
+            unsigned zone = *it;
+            log.intent("free " + std::to_string(zone));
+            ConsoleResult r = runConsoleCommand(board, "deallocateZone " + std::to_string(zone));
+            if (gone(r)) return;
+            live.erase(zone);
+            if (r.rc == 0) log.ack("free " + std::to_string(zone));
+        }
+    }
+}
+
+void ZoneChurnWorkload::check(const std::string& board, const AckLog& log, SoakTally& tally) {
+    // Per Zone: in use or free as its last acknowledged request left it,
+    // unless a request in flight at a cut could have changed it since (a free
+    // of it, or any allocation, which may have taken its number).
+    std::map<unsigned, bool> expectInUse;
+    for (auto& e : log.entries()) {
+        auto w = words(e.request);
+        if (w.empty()) continue;
+        if (w[0] == "alloc") {
+            if (e.acknowledged) {
+                auto r = words(e.result);
+                for (size_t i = 2; i < r.size(); ++i) expectInUse[unsigned(std::stoul(r[i]))] = true;
+            }
+            if (!e.acknowledged || words(e.result).size() < 2 + std::stoul(w[1]))
+                for (auto it = expectInUse.begin(); it != expectInUse.end();)
+                    it = it->second ? std::next(it) : expectInUse.erase(it);
+        } else if (w[0] == "free" && w.size() == 2) {
+            unsigned zone = unsigned(std::stoul(w[1]));
+            if (e.acknowledged) expectInUse[zone] = false;
+            else expectInUse.erase(zone);
+        }
+    }
+    for (auto& [zone, inUse] : expectInUse) {
+        ++tally.checked;
+        ConsoleResult r = runConsoleCommand(board, "dumpZoneTableEntry " + std::to_string(zone));
+        const bool nowInUse = r.rc == 0 && r.output.find("NotInUse") == std::string::npos;
+        if (nowInUse == inUse) continue;
+        ++tally.lost;
+        tally.failures.push_back("Zone " + std::to_string(zone) + ": acknowledged " +
+                                 (inUse ? "allocated" : "freed") + " but now " + (nowInUse ? "in use" : "free") +
+                                 ":\n" + r.output);
+    }
+}
