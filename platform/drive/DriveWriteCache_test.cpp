@@ -16,6 +16,7 @@
 
 #include "platform/board/Board.h"
 #include "platform/drive/SimDriveController.h"
+#include "tests/support/DriveCacheScope.h"
 
 namespace fs = std::filesystem;
 
@@ -45,17 +46,8 @@ void stamp(uint8_t* sector, uint64_t lba, uint32_t write) {
 
 class DriveWriteCacheTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        mOldMode = ctl().cacheMode();
-        mOldWriteBack = ctl().writeBackOn();
-        mOldSeed = ctl().driveSeed();
-        reset();
-    }
-    void TearDown() override {
-        ctl().forget();
-        ctl().setCacheMode(mOldMode, mOldWriteBack);
-        ctl().setDriveSeed(mOldSeed);
-    }
+    void SetUp() override { reset(); }
+    void TearDown() override { ctl().forget(); }
     void reset() {
         ctl().forget();
         fs::remove_all(Board::GetInstance().path("slots"));
@@ -126,15 +118,12 @@ protected:
         return medium(image, kSectors);
     }
     static constexpr uint64_t kSectors = 400;
-    DriveCacheMode mOldMode;
-    bool mOldWriteBack;
-    uint64_t mOldSeed;
+    DriveCacheScope mScope{DriveCacheMode::Random, false};  // the cut alone decides: replayable
 };
 
 }  // namespace
 
 TEST_F(DriveWriteCacheTest, CutsLeaveArbitrarySubsetsAndTornWritesButEveryFlushedWrite) {
-    ctl().setCacheMode(DriveCacheMode::Random, false);  // the cut alone decides: replayable
     // What may lie in each sector: the last write to it that a flush covered
     // (or nothing), or any unflushed write to it after that.
     std::vector<std::set<uint32_t>> allowed(kSectors);
@@ -185,7 +174,6 @@ TEST_F(DriveWriteCacheTest, CutsLeaveArbitrarySubsetsAndTornWritesButEveryFlushe
 }
 
 TEST_F(DriveWriteCacheTest, TheSameSeedLeavesTheSameMedium) {
-    ctl().setCacheMode(DriveCacheMode::Random, false);
     std::vector<uint32_t> a = runPattern(77, 1, false), b = runPattern(77, 1, false), c = runPattern(78, 1, false);
     EXPECT_EQ(a, b);
     EXPECT_NE(a, c) << "another seed, another subset";

@@ -12,6 +12,7 @@
 #include "platform/board/Board.h"
 #include "platform/drive/SimDriveController.h"
 #include "platform/rtos/Rtos.h"
+#include "tests/support/DriveCacheScope.h"
 
 namespace fs = std::filesystem;
 
@@ -140,26 +141,9 @@ TEST_F(SimDriveTest, DiskTravelsWithItsFilesAndKeepsDataAndIdentity) {
     EXPECT_EQ(ctl().disk(7)->identity().serial, serial);
 }
 
-// Sets the drives' cache behaviour for one test and restores the run's own.
-struct CacheModeScope {
-    CacheModeScope(DriveCacheMode mode, bool writeBack)
-        : oldMode(SimDriveController::GetInstance().cacheMode()),
-          oldWriteBack(SimDriveController::GetInstance().writeBackOn()),
-          oldSeed(SimDriveController::GetInstance().driveSeed()) {
-        SimDriveController::GetInstance().setCacheMode(mode, writeBack);
-    }
-    ~CacheModeScope() {
-        SimDriveController::GetInstance().setCacheMode(oldMode, oldWriteBack);
-        SimDriveController::GetInstance().setDriveSeed(oldSeed);
-    }
-    DriveCacheMode oldMode;
-    bool oldWriteBack;
-    uint64_t oldSeed;
-};
-
 // The former cache, kept as the ordered mode: nothing moves before a flush.
 TEST_F(SimDriveTest, WriteCacheIsVolatileUntilFlushed) {
-    CacheModeScope ordered(DriveCacheMode::Ordered, false);
+    DriveCacheScope ordered(DriveCacheMode::Ordered, false);
     insert(1, "8M");
     fs::path image = Board::GetInstance().path("slots/1.img");
     std::vector<uint8_t> a(8 * kSectorSize), b(8 * kSectorSize), back(8 * kSectorSize);

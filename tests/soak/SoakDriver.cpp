@@ -59,6 +59,7 @@ void AckLog::append(const std::string& line) {
 
 void AckLog::intent(const std::string& request) { append("intent " + request); }
 void AckLog::ack(const std::string& result) { append("ack " + result); }
+void AckLog::refused(const std::string& why) { append("refused " + why); }
 
 std::vector<AckLog::Entry> AckLog::entries() const {
     std::vector<Entry> out;
@@ -154,6 +155,9 @@ void SoakDriver::cutWhileWorking(Round& round, SoakTally& tally) {
                       " --seed " + std::to_string(mRandom()) + " >/dev/null 2>&1";
     if (esa.running()) (void)!std::system(cut.c_str());
     int status = esa.wait();
+    if (!round.crashPoint.empty())
+        round.how += esa.output().find("CRASH POINT reached") != std::string::npos ? ", reached"
+                                                                                 : ", not reached: the board cut";
     stop = true;
     for (auto& t : threads) t.join();
     ++tally.cuts;

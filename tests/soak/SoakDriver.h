@@ -42,6 +42,9 @@ public:
     ~AckLog();
     void intent(const std::string& request);
     void ack(const std::string& result);
+    // A request that came back with an error (kept for the reader of the log;
+    // its intent stays unacknowledged).
+    void refused(const std::string& why);
     struct Entry {
         std::string request;  // the intent
         bool acknowledged = false;

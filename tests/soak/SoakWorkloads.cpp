@@ -56,6 +56,7 @@ void ZonePatternWorkload::run(const std::string& board, AckLog& log, std::mt1993
                                                        std::to_string(kSlotBytes) + " " + std::to_string(seed));
         if (gone(r)) return;
         if (r.rc == 0) log.ack(request);
+        else log.refused(std::to_string(r.rc) + " " + r.output.substr(r.output.find('\n') + 1));
     }
 }
 

@@ -22,8 +22,12 @@ int main(int argc, char** argv) {
     BoardClock::GetInstance().configure(BoardClock::Mode::Virtual);
     Board::GetInstance().open(dir);
     taskRegisterSelf("tUnitTest", 100);
-    // The drives' cache and seed: ESA_DRIVE_SEED=N replays a failing run.
-    std::printf("%s\n", SimDriveController::GetInstance().cacheSettings().c_str());
+    // The drives' cache (random unless ESA_DRIVE_CACHE says otherwise) without
+    // its background write-back: here the drives' choices follow the test's
+    // commands alone, so ESA_DRIVE_SEED=N replays a failing run exactly.
+    SimDriveController& drives = SimDriveController::GetInstance();
+    drives.setCacheMode(drives.cacheMode(), false);
+    std::printf("%s\n", drives.cacheSettings().c_str());
     int rc = RUN_ALL_TESTS();
     std::error_code ec;
     std::filesystem::remove_all(dir, ec);
