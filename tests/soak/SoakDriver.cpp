@@ -117,10 +117,16 @@ std::string SoakDriver::workingOutput(const std::string& name, const std::string
     return file.string();
 }
 
+std::map<std::string, std::string> SoakDriver::startEnvironment(uint64_t driveSeed) {
+    std::map<std::string, std::string> env{{"ESA_DRIVE_SEED", std::to_string(driveSeed)}};
+    for (auto& w : mWorkloads) w->environment(env);
+    return env;
+}
+
 bool SoakDriver::startAndPrepare() {
     std::string create = esaBinary("esa-board") + " create " + mBoard + " --disks " + mOptions.disks + " >/dev/null";
     if (std::system(create.c_str()) != 0) return false;
-    EsaProcess esa(mBoard, {}, {{"ESA_DRIVE_SEED", std::to_string(mRandom() % 1000000000)}});
+    EsaProcess esa(mBoard, {}, startEnvironment(mRandom() % 1000000000));
     if (!esa.waitForConsole()) return false;
     for (size_t i = 0; i < mWorkloads.size(); ++i) {
         std::mt19937_64 random(mRandom());
@@ -136,7 +142,7 @@ bool SoakDriver::startAndPrepare() {
 }
 
 void SoakDriver::cutWhileWorking(Round& round, SoakTally& tally) {
-    std::map<std::string, std::string> env{{"ESA_DRIVE_SEED", std::to_string(round.driveSeed)}};
+    std::map<std::string, std::string> env = startEnvironment(round.driveSeed);
     if (!round.crashPoint.empty()) env["ESA_CRASH_AT"] = round.crashPoint;
     EsaProcess esa(mBoard, {}, env);
     std::atomic<bool> stop{false};
@@ -169,7 +175,7 @@ void SoakDriver::cutWhileWorking(Round& round, SoakTally& tally) {
 }
 
 bool SoakDriver::restartAndCheck(Round& round, SoakTally& tally) {
-    EsaProcess esa(mBoard, {}, {{"ESA_DRIVE_SEED", std::to_string(mRandom() % 1000000000)}});
+    EsaProcess esa(mBoard, {}, startEnvironment(mRandom() % 1000000000));
     const std::string after = "after " + round.how;
     if (!esa.waitForConsole()) {
         tally.failures.push_back(after + ": the next start has no console; output in " +

@@ -22,6 +22,7 @@
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <random>
 #include <string>
@@ -65,6 +66,9 @@ class SoakWorkload {
 public:
     virtual ~SoakWorkload() = default;
     virtual std::string name() const = 0;
+    // What every start of esa needs for this workload (a host-side workload:
+    // the portal it connects to, ESA_PORTAL on a free port).
+    virtual void environment(std::map<std::string, std::string>& env) {}
     // Once, on the first start, before any cut (for example the workload's own Zones).
     virtual bool prepare(const std::string& board, AckLog& log, std::mt19937_64& random) { return true; }
     // Runs against the esa on the board until `stop` or until the esa is gone.
@@ -99,6 +103,8 @@ private:
     bool restartAndCheck(Round& round, SoakTally& tally);
     void keepFailure(const Round& round, const SoakTally& tally);
     std::string workingOutput(const std::string& name, const std::string& text);
+    // The environment of one start: its drive seed and what the workloads need.
+    std::map<std::string, std::string> startEnvironment(uint64_t driveSeed);
 
     SoakOptions mOptions;
     std::vector<std::unique_ptr<SoakWorkload>> mWorkloads;
