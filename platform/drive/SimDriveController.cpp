@@ -448,7 +448,7 @@ void SimDriveController::setWriteThrough(bool on) {
 
 void SimDriveController::setCacheMode(DriveCacheMode mode, bool writeBack) {
     std::lock_guard<std::mutex> g(mLock);
-    scanLocked();
+    readCacheSettingsLocked();  // the disks found later take the mode when they are opened
     mCacheMode = mode;
     mWriteBack = writeBack;
     for (unsigned s = 0; s < kDriveSlots; ++s)
