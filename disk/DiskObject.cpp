@@ -128,28 +128,41 @@ bool DiskObject::verifyDiskIdentifier() {
 
 StatusCode DiskObject::syncRequest(uint16_t command, void* data, uint64_t lba, uint32_t sectors, uint32_t timeout) {
     if (!mQueue) return StatusCode::DiskNotPresent;
-    int index = takeSemaphore();
-    if (index < 0) {
-        ESA_CONSOLE("DO: ReadData: allocate free semaphore failed ...");
-        return StatusCode::InternalError;
-    }
     __DiskQReqStruct r;
     r.command = command;
     r.lba = lba;
     r.count = sectors;
     r.data = data;
     r.timeout = timeout;
-    r.syncSemaphore = mSemaphores[index].sem;
     if (DiskCommand::isRead(command) || DiskCommand::isWrite(command))
         r.timeout = DiskPowerManager::GetInstance()->WakeupSystem(mSlot);
     uint64_t now = tick64Get();
     r.enqueueTick = now;
     mLastIoTick = now;
     if (DiskCommand::isWrite(command)) mLastWriteTick = now;
-    int pushed;
+    DiskQueue* claimed = nullptr;
+    int index = -1;
+    int pushed = 0;
     {
-        std::lock_guard<std::recursive_mutex> g(mDOLock);  // the queue cannot go away under the push
-        pushed = mQueue ? mQueue->PushToQNoWait(&r) : (r.status = StatusCode::DiskNotPresent, 0);
+        std::lock_guard<std::recursive_mutex> g(mDOLock);  // the queue cannot go away under the push or claim
+        if (!mQueue) return StatusCode::DiskNotPresent;
+        if (mQueue->ClaimIdle()) {
+            // An idle disk: this thread serves its own request. The queue
+            // lives until the claim ends (its shutdown waits for it).
+            claimed = mQueue.get();
+        } else {
+            index = takeSemaphore();
+            if (index < 0) {
+                ESA_CONSOLE("DO: ReadData: allocate free semaphore failed ...");
+                return StatusCode::InternalError;
+            }
+            r.syncSemaphore = mSemaphores[index].sem;
+            pushed = mQueue->PushToQNoWait(&r);
+        }
+    }
+    if (claimed) {
+        claimed->RunClaimed(&r);
+        return r.status;
     }
     if (pushed) semTakeForever(r.syncSemaphore);
     giveSemaphore(index);
