@@ -32,6 +32,8 @@ public:
 class LruNode : public dNode {
 public:
     bool active = false;  // on the LRU list
+    // When it was last put at the tail, in the LRU's count of placements.
+    std::atomic<uint64_t> placed{0};
     virtual DataStore* lruStore() = 0;
     // False while the entry is dirty (unless evictDirty) or locked.
     virtual bool lruEvictable(bool evictDirty) = 0;
@@ -52,6 +54,17 @@ public:
         void AddToLRU(LruNode& node);
         void RemoveFromLRU(LruNode& node);
         void MarkMostRecentlyUsed(LruNode& node);
+        // The same for the hottest path, where the LRU's lock and list ends
+        // would be written by every thread's every hit: a node that is
+        // already among the most recently placed quarter of the list stays
+        // where it is (no lock, no write); an older one moves to the tail.
+        // Eviction order is exact except among that newest quarter.
+        void MarkRecentlyUsed(LruNode& node) {
+            uint64_t window = mEntries.load(std::memory_order_relaxed) / 4;
+            if (mPlacements.load(std::memory_order_relaxed) - node.placed.load(std::memory_order_relaxed) < window)
+                return;
+            MarkMostRecentlyUsed(node);
+        }
         // Evicts from the head until `wanted` blocks came free; entries that
         // cannot go move to the tail. MP_NoFreeEntriesOnLRU after one round
         // with nothing evictable.
@@ -63,7 +76,8 @@ public:
     private:
         dList<LruNode> mList;  // head: least recently used
         LruOwner* mOwner = nullptr;
-        uint32_t mEntries = 0;
+        std::atomic<uint32_t> mEntries{0};
+        std::atomic<uint64_t> mPlacements{0};  // placements at the tail so far (written under mLock)
         ReentrantLockObject mLock;
     };
 
