@@ -97,6 +97,7 @@ TEST_F(ScsiResponderTest, VitalProductPagesListAndDescribeTheLun) {
     ASSERT_EQ(limits.data.size(), 64u);
     EXPECT_EQ(getBe16(&limits.data[2]), 0x3c);
     EXPECT_EQ(getBe32(&limits.data[8]), kMaxTransferBlocks);
+    EXPECT_EQ(getBe32(&limits.data[12]), kMaxRequestBlocks);
     expectCheck(decide({kInquiry, 1, 0xb1, 0, 255, 0}), kInvalidFieldInCdb);
 }
 
