@@ -496,12 +496,13 @@ void CacheRangeTracker::UnlockRange(CacheTrackerObject* cto) {
     CTOContext ctx("UnlockRange", *this, cto);
     ScopeTimer timer(mUnlockPerf);
     cto->mWindow.clear();
-    std::vector<CacheRangeObject*> keep;
-    for (CacheRangeObject* cro : cto->mCROs) {
+    size_t kept = 0;  // the CROs the CTO keeps move to the front of its list
+    for (size_t i = 0, n = cto->mCROs.size(); i < n; ++i) {
+        CacheRangeObject* cro = cto->mCROs[i];
         if (cto->mDirty && cro->mDirtyCount != 0) {
             // The transaction keeps its extended lock until commit.
             cro->mLock.LockReleaseExtending();
-            keep.push_back(cro);
+            cto->mCROs[kept++] = cro;
             continue;
         }
         if (!cro->pStore) {
@@ -518,7 +519,7 @@ void CacheRangeTracker::UnlockRange(CacheTrackerObject* cto) {
         }
         releaseHold(cro, cto->mTracker);
     }
-    cto->mCROs.swap(keep);
+    cto->mCROs.shrink(kept);
     if (cto->ReleaseByCaller()) delete cto;
 }
 

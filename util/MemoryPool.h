@@ -8,6 +8,7 @@
 //
 // Lock order: the owner's lock (the cache tracker's mLock), then the LRU
 // lock; the pool lock is never held while evicting.
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <string>
@@ -56,11 +57,13 @@ public:
         void MarkMostRecentlyUsed(LruNode& node);
         // The same for the hottest path, where the LRU's lock and list ends
         // would be written by every thread's every hit: a node that is
-        // already among the most recently placed quarter of the list stays
-        // where it is (no lock, no write); an older one moves to the tail.
-        // Eviction order is exact except among that newest quarter.
+        // already among the most recently placed quarter of the list (at
+        // least the last kNewestPlacements placed) stays where it is (no
+        // lock, no write); an older one moves to the tail. Eviction order is
+        // exact except within that newest part.
+        static constexpr uint32_t kNewestPlacements = 32;
         void MarkRecentlyUsed(LruNode& node) {
-            uint64_t window = mEntries.load(std::memory_order_relaxed) / 4;
+            uint64_t window = std::max<uint64_t>(mEntries.load(std::memory_order_relaxed) / 4, kNewestPlacements);
             if (mPlacements.load(std::memory_order_relaxed) - node.placed.load(std::memory_order_relaxed) < window)
                 return;
             MarkMostRecentlyUsed(node);
