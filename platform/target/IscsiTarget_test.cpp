@@ -209,14 +209,6 @@ TEST_P(IscsiTargetTest, SolicitedBurstsLandInOrderWhileOtherCommandsRun) {
     EXPECT_EQ(r.data, data);
 }
 
-std::vector<uint8_t> cdb16(uint8_t op, uint64_t lba, uint32_t blocks) {
-    std::vector<uint8_t> c(16, 0);
-    c[0] = op;
-    putBe64(&c[2], lba);
-    putBe32(&c[10], blocks);
-    return c;
-}
-
 // A command larger than one request of the system (2048 blocks, as a
 // conformance suite's setup writes them) runs in pieces: the data of every
 // piece land where they belong, whole, in order, and the pieces meet at their
@@ -228,7 +220,7 @@ TEST_P(IscsiTargetTest, ACommandLargerThanOneSystemRequestRunsInPiecesAndReadsBa
     constexpr uint64_t kLba = 1000;
     const uint32_t bytes = kBlocks * scsi::kBlockSize;
     auto data = pattern(bytes, 41);
-    ASSERT_TRUE(ini.send(ini.scsiCommand(21, 0, cdb16(scsi::kWrite16, kLba, kBlocks), false, true, bytes)));
+    ASSERT_TRUE(ini.send(ini.scsiCommand(21, 0, dataCdb16(scsi::kWrite16, kLba, kBlocks), false, true, bytes)));
     uint32_t sent = 0;
     while (sent < bytes) {
         Pdu r2t;
@@ -246,7 +238,7 @@ TEST_P(IscsiTargetTest, ACommandLargerThanOneSystemRequestRunsInPiecesAndReadsBa
     }
     auto w = collect(ini, 21);
     EXPECT_EQ(w.status, scsi::kStatusGood);
-    auto r = run(ini, ini.scsiCommand(22, 0, cdb16(scsi::kRead16, kLba, kBlocks), true, false, bytes));
+    auto r = run(ini, ini.scsiCommand(22, 0, dataCdb16(scsi::kRead16, kLba, kBlocks), true, false, bytes));
     EXPECT_EQ(r.status, scsi::kStatusGood);
     EXPECT_TRUE(r.data == data) << "the pieces did not land in order";
     // Smaller reads across the pieces' edges see the same bytes.
@@ -255,7 +247,7 @@ TEST_P(IscsiTargetTest, ACommandLargerThanOneSystemRequestRunsInPiecesAndReadsBa
         size_t at = size_t(edge - kLba) * scsi::kBlockSize;
         EXPECT_TRUE(std::equal(e.data.begin(), e.data.end(), data.begin() + long(at))) << edge;
     }
-    auto tooBig = run(ini, ini.scsiCommand(24, 0, cdb16(scsi::kRead16, 0, scsi::kMaxTransferBlocks + 1), true, false,
+    auto tooBig = run(ini, ini.scsiCommand(24, 0, dataCdb16(scsi::kRead16, 0, scsi::kMaxTransferBlocks + 1), true, false,
                                            0));
     EXPECT_EQ(tooBig.status, scsi::kStatusCheckCondition);
     if (mBackend) {
