@@ -182,7 +182,7 @@ StatusCode DiskObject::WriteSGLData(DiskSGL* list, uint64_t lba, uint32_t sector
 }
 
 StatusCode DiskObject::noWait(uint16_t command, const DiskPane* panes, size_t paneCount, uint64_t lba,
-                              __DiskQReqStruct* r) {
+                              __DiskQReqStruct* r, DiskQueue** claimed) {
     auto* list = static_cast<DiskSGL*>(r->data);
     if (!list) return StatusCode::InternalError;
     if (paneCount > kDriveMaxScatterEntries) return StatusCode::DM_SGLTooLong;
@@ -200,6 +200,10 @@ StatusCode DiskObject::noWait(uint16_t command, const DiskPane* panes, size_t pa
     int pushed;
     {
         std::lock_guard<std::recursive_mutex> g(mDOLock);
+        if (claimed && mQueue && mQueue->ClaimIdle()) {
+            *claimed = mQueue.get();  // lives until the claim ends: its shutdown waits for it
+            return StatusCode::Success;
+        }
         pushed = mQueue ? mQueue->PushToQNoWait(r) : (r->status = StatusCode::DiskNotPresent, 0);
     }
     if (!pushed) return r->status;
@@ -218,6 +222,12 @@ StatusCode DiskObject::ReadDataNoWait(const DiskPane* panes, size_t n, uint64_t 
 
 StatusCode DiskObject::WriteDataNoWait(const DiskPane* panes, size_t n, uint64_t lba, __DiskQReqStruct* r) {
     return noWait(DiskCommand::WriteSGL, panes, n, lba, r);
+}
+
+StatusCode DiskObject::IssueOrClaim(bool write, const DiskPane* panes, size_t n, uint64_t lba, __DiskQReqStruct* r,
+                                    DiskQueue*& claimed) {
+    claimed = nullptr;
+    return noWait(write ? DiskCommand::WriteSGL : DiskCommand::ReadSGL, panes, n, lba, r, &claimed);
 }
 
 StatusCode DiskObject::ReadWriteSectorTest(uint64_t lba, uint32_t sectors) {

@@ -146,4 +146,40 @@ TEST_F(DiskQueueTest, ARemovalWaitsForTheRequestACallerServesAndEndsEverythingQu
     }
 }
 
+// A parallel batch serves its last request on the caller's thread when that
+// disk is idle: its status comes back mapped like the others', and a removal
+// of that disk meanwhile waits for it and fails it cleanly.
+TEST_F(DiskQueueTest, ABatchsLastRequestServedByTheCallerRacesARemovalOfItsDisk) {
+    loadDisks({"16M", "16M"});
+    Buffer a(8 * kSectorSize), b(8 * kSectorSize);
+    fill(a, 1, 40, 1);
+    fill(b, 0, 40, 1);
+    DiskPane panes[2] = {{a.p, uint32_t(a.size)}, {b.p, uint32_t(b.size)}};
+    DiskIoRequest req[2] = {{1, 40, &panes[0], 1, StatusCode()}, {0, 40, &panes[1], 1, StatusCode()}};
+    ASSERT_EQ(dm()->ParallelDiskWrite(req, 2), StatusCode::Success);
+    EXPECT_EQ(req[0].status, StatusCode::Success);
+    EXPECT_EQ(req[1].status, StatusCode::Success);
+    Buffer back(8 * kSectorSize);
+    ASSERT_EQ(dm()->ReadData(0, back.p, 40, 8), StatusCode::Success);
+    EXPECT_EQ(std::memcmp(back.p, b.p, b.size), 0);
+
+    // The last request is held in slot 0's drive while the disk is removed.
+    fault(0, {"latency", "read", "lba=40", "once", "ms=60000"});
+    DiskIoRequest rd[2] = {{1, 40, &panes[0], 1, StatusCode()}, {0, 40, &panes[1], 1, StatusCode()}};
+    std::atomic<int> batch{-1};
+    std::thread reader([&] { batch = int(dm()->ParallelDiskRead(rd, 2).value()); });
+    waitUntil([&] { return ctl().readsAndWritesInFlight(0) == 1; });
+    std::thread remover([&] { EXPECT_EQ(dm()->RemoveDisk(0), StatusCode::Success); });
+    for (int i = 0; i < 200; ++i) std::this_thread::yield();
+    std::string where;
+    ASSERT_TRUE(ctl().pullDisk(0, where));
+    reader.join();
+    remover.join();
+    drainMessages();
+    EXPECT_EQ(StatusCode(uint32_t(batch)), StatusCode::DiskNotPresent);
+    EXPECT_EQ(rd[0].status, StatusCode::Success) << "the other disk's request was served";
+    EXPECT_EQ(rd[1].status, StatusCode::DiskNotPresent);
+    EXPECT_FALSE(dm()->DriveIsReady(0));
+}
+
 }  // namespace
