@@ -2,13 +2,20 @@
 // CacheCounter: one statistic of a cache (hits, reads, evictions...), counted
 // on every operation by every thread. Each thread adds to a slot of its own
 // cache line, so that counting never makes the threads' cache hits contend
-// for one line; a reader adds the slots up.
+// for one line; a reader adds the slots up. A slot is counted with a plain
+// load and store, not a locked step (three of those cost a cache hit a tenth
+// of its time): exact while no more than 16 threads count at once, and a
+// statistic may lose a count when two threads that share a slot count at the
+// same moment.
 #include <atomic>
 #include <cstdint>
 
 class CacheCounter {
 public:
-    void operator++() { mSlots[slot()].value.fetch_add(1, std::memory_order_relaxed); }
+    void operator++() {
+        std::atomic<uint64_t>& v = mSlots[slot()].value;
+        v.store(v.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    }
     uint64_t load() const {
         uint64_t sum = 0;
         for (const Slot& s : mSlots) sum += s.value.load(std::memory_order_relaxed);

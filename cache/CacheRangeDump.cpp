@@ -56,7 +56,7 @@ void CacheRangeTracker::PerfInfo(std::ostream& out) {
 }
 
 void CacheRangeTracker::Dump(std::ostream& out, bool verbose) {
-    LockObject::ExclusiveLockInstance g(&mLock);
+    TrackerLock::ExclusiveLockInstance g(&mLock);
     out << CacheName() << " CACHE RANGE TRACKER'S STATE\n";
     out << "current IOTracker = " << IOTracker::lastId() << "\n";
     out << " entries on LRU: " << mMemoryPool->lru().entries() << "\n";
@@ -83,7 +83,7 @@ void CacheRangeTracker::Dump(std::ostream& out, bool verbose) {
 }
 
 void CacheRangeTracker::checkSetInvariants(uint32_t set) {
-    LockObject::ExclusiveLockInstance g(&mLock);
+    TrackerLock::ExclusiveLockInstance g(&mLock);
     if (set >= mSets.size()) return;
     std::vector<CacheRangeObject*> fromList;
     for (auto it = mSets[set].begin(); it != mSets[set].end(); ++it) fromList.push_back(it.get());
@@ -124,7 +124,7 @@ bool CacheRangeTracker::internalConsistencyCheck(std::ostream& out) {
     };
     std::vector<Candidate> candidates;
     {
-        LockObject::ExclusiveLockInstance g(&mLock);
+        TrackerLock::ExclusiveLockInstance g(&mLock);
         for (uint32_t s = 0; s < mSets.size(); ++s)
             for (auto it = mSets[s].begin(); it != mSets[s].end(); ++it) {
                 char where[96];

@@ -97,7 +97,7 @@ StatusCode CacheRangeTracker::addOrInvalidate(uint32_t set, uint64_t start, uint
     if (st != StatusCode::Success) return st;
     if (LockObjectBase::bypass) return StatusCode::Success;
     const uint64_t end = start + length;
-    LockObject::ExclusiveLockInstance g(&mLock);
+    TrackerLock::ExclusiveLockInstance g(&mLock);
     FindSet(set);
     for (;;) {
         CacheRangeObject* it = firstAtOrAfter(set, start);
@@ -168,7 +168,7 @@ void CacheRangeTracker::ClearSet(uint32_t set) {
 
 void CacheRangeTracker::Flush(int) {
     if (LockObjectBase::bypass) return;
-    LockObject::ExclusiveLockInstance g(&mLock);
+    TrackerLock::ExclusiveLockInstance g(&mLock);
 restart:
     for (uint32_t set = 0; set < mSets.size(); ++set) {
         for (;;) {

@@ -139,7 +139,7 @@ CacheRangeTracker::CROList& CacheRangeTracker::FindSet(uint32_t set) {
 }
 
 uint32_t CacheRangeTracker::croCount(uint32_t set) {
-    LockObject::ExclusiveLockInstance g(&mLock);
+    TrackerLock::ExclusiveLockInstance g(&mLock);
     if (set >= mSets.size()) return 0;
     uint32_t n = 0;
     for (auto it = mSets[set].begin(); it != mSets[set].end(); ++it) ++n;
@@ -147,12 +147,12 @@ uint32_t CacheRangeTracker::croCount(uint32_t set) {
 }
 
 uint32_t CacheRangeTracker::setCount() {
-    LockObject::ExclusiveLockInstance g(&mLock);
+    TrackerLock::ExclusiveLockInstance g(&mLock);
     return uint32_t(mSets.size());
 }
 
 std::vector<CacheRangeTracker::CroView> CacheRangeTracker::view(uint32_t set) {
-    LockObject::ExclusiveLockInstance g(&mLock);
+    TrackerLock::ExclusiveLockInstance g(&mLock);
     std::vector<CroView> out;
     if (set >= mSets.size()) return out;
     for (auto it = mSets[set].begin(); it != mSets[set].end(); ++it)
@@ -335,8 +335,10 @@ bool CacheRangeTracker::lockCachedRange(uint32_t set, uint64_t start, uint32_t l
             return false;
         }
     }
+    // A range already among the newest on the LRU is left in place: the list
+    // and its lock are shared by every thread's hits.
     for (CacheRangeObject* cro : c->mCROs)
-        if (cro->mLRUNode.active) mMemoryPool->lru().MarkMostRecentlyUsed(cro->mLRUNode);
+        if (cro->mLRUNode.active) mMemoryPool->lru().MarkRecentlyUsed(cro->mLRUNode);
     cto = c;
     return true;
 }
@@ -361,13 +363,20 @@ StatusCode CacheRangeTracker::lockRangeInternal(uint32_t set, uint64_t start, ui
     ScopeTimer timer(mLockPerf);
     ++mStats.locks;
     cto = nullptr;
-    // A hit changes nothing the tracker lock guards: it is looked up with the
-    // lock shared, so hits of different ranges go on side by side and never
-    // queue behind one another. Anything else takes the lock exclusively.
+    // A hit changes nothing the tracker lock guards: it is looked up inside
+    // the lock's gate (or with the lock shared while a writer holds it), so
+    // hits of different ranges go on side by side and never queue behind one
+    // another. Anything else takes the lock exclusively.
     if (length != 0 && IsSetAndRangeValid(set, start, length) == StatusCode::Success) {
-        mLock.LockShared();
-        bool hit = lockCachedRange(set, start, length, cto, tracker);
-        mLock.LockRelease();
+        bool hit;
+        if (mLock.EnterGate()) {
+            hit = lockCachedRange(set, start, length, cto, tracker);
+            mLock.LeaveGate();
+        } else {
+            mLock.LockShared();
+            hit = lockCachedRange(set, start, length, cto, tracker);
+            mLock.LockRelease();
+        }
         if (hit) return StatusCode::Success;
     }
     mLock.LockExclusive();
@@ -487,12 +496,13 @@ void CacheRangeTracker::UnlockRange(CacheTrackerObject* cto) {
     CTOContext ctx("UnlockRange", *this, cto);
     ScopeTimer timer(mUnlockPerf);
     cto->mWindow.clear();
-    std::vector<CacheRangeObject*> keep;
-    for (CacheRangeObject* cro : cto->mCROs) {
+    size_t kept = 0;  // the CROs the CTO keeps move to the front of its list
+    for (size_t i = 0, n = cto->mCROs.size(); i < n; ++i) {
+        CacheRangeObject* cro = cto->mCROs[i];
         if (cto->mDirty && cro->mDirtyCount != 0) {
             // The transaction keeps its extended lock until commit.
             cro->mLock.LockReleaseExtending();
-            keep.push_back(cro);
+            cto->mCROs[kept++] = cro;
             continue;
         }
         if (!cro->pStore) {
@@ -509,7 +519,7 @@ void CacheRangeTracker::UnlockRange(CacheTrackerObject* cto) {
         }
         releaseHold(cro, cto->mTracker);
     }
-    cto->mCROs.swap(keep);
+    cto->mCROs.shrink(kept);
     if (cto->ReleaseByCaller()) delete cto;
 }
 
@@ -528,7 +538,7 @@ void CacheRangeTracker::ClearCTO(CacheTrackerObject* cto) {
     // Memory that failed to reach the disk or the journal must not be served
     // later: drop the stores that nobody but the LRU (and this CTO's window) holds.
     cto->mWindow.clear();
-    LockObject::ExclusiveLockInstance g(&mLock);
+    TrackerLock::ExclusiveLockInstance g(&mLock);
     for (CacheRangeObject* cro : cto->mCROs) {
         if (!cro->pStore) continue;
         if (cro->pStore->refCount() != cro->pStore->lruCount() || cro->mDirtyCount != 0) {

@@ -25,6 +25,7 @@
 #include <string>
 
 #include "cache/CacheCounter.h"
+#include "cache/TrackerLock.h"
 #include "include/ObjectPool.h"
 #include "util/DataStore.h"
 #include "util/DataWindow.h"
@@ -243,7 +244,7 @@ protected:
     void lruUnlock() override { mLock.LockRelease(); }
 
     std::unique_ptr<MemoryPool> mMemoryPool;
-    LockObject mLock;
+    TrackerLock mLock;
     bool mOwnsPool = false;
     std::deque<CROList> mSets;
     std::deque<SplayNode*> mRoots;

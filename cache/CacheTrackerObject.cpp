@@ -5,7 +5,6 @@
 CacheTrackerObject::CacheTrackerObject(CacheRangeTracker& owner, uint32_t set, uint64_t start, uint32_t length,
                                        IOTracker& tracker)
     : mStart(start), mLen(length), mSet(set), mTracker(tracker), mTransId(tracker.getID()), mOwner(owner) {
-    mCROs.reserve(4);
 }
 
 CacheTrackerObject::~CacheTrackerObject() {

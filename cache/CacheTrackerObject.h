@@ -19,6 +19,47 @@
 #include "util/DataWindow.h"
 #include "util/IOTracker.h"
 
+// The CROs a CTO holds, in range order. Most CTOs hold one or two: up to four
+// are kept inside the CTO, so a cache hit makes no heap allocation for them.
+class CroList {
+public:
+    using CRO = CacheRangeTracker::CacheRangeObject;
+    CroList() = default;
+    ~CroList() {
+        if (mData != mInline) delete[] mData;
+    }
+    CroList(const CroList&) = delete;
+    CroList& operator=(const CroList&) = delete;
+
+    void push_back(CRO* cro) {
+        if (mSize == mCapacity) grow();
+        mData[mSize++] = cro;
+    }
+    void clear() { mSize = 0; }
+    // Keeps the first n (n <= size()).
+    void shrink(size_t n) { mSize = n < mSize ? n : mSize; }
+    size_t size() const { return mSize; }
+    bool empty() const { return mSize == 0; }
+    CRO*& operator[](size_t i) { return mData[i]; }
+    CRO** begin() { return mData; }
+    CRO** end() { return mData + mSize; }
+    CRO* const* begin() const { return mData; }
+    CRO* const* end() const { return mData + mSize; }
+
+private:
+    void grow() {
+        CRO** bigger = new CRO*[mCapacity * 2];
+        for (size_t i = 0; i < mSize; ++i) bigger[i] = mData[i];
+        if (mData != mInline) delete[] mData;
+        mData = bigger;
+        mCapacity *= 2;
+    }
+    CRO* mInline[4] = {};
+    CRO** mData = mInline;
+    size_t mSize = 0;
+    size_t mCapacity = 4;
+};
+
 class CacheTrackerObject : public ObjectPool<CacheTrackerObject> {
 public:
     using CRO = CacheRangeTracker::CacheRangeObject;
@@ -48,7 +89,7 @@ public:
     void Dump(std::ostream& out);
 
     DataWindow mWindow;
-    std::vector<CRO*> mCROs;
+    CroList mCROs;
     uint64_t mStart;
     uint32_t mLen;
     uint32_t mSet;

@@ -446,6 +446,12 @@ StatusCode DiskManager::ParallelDiskIO(int direction, DiskIoRequest* requests, i
     bool anyIssued = false;
     StatusCode result = StatusCode::Success;
 
+    // The batch's last request is served on this thread when its disk is
+    // idle, while the workers serve the others: the caller would only wait.
+    int last = -1;
+    for (int i = 0; i < count; ++i)
+        if (requests[i].status == StatusCode::Success) last = i;
+    DiskQueue* claimed = nullptr;
     for (int i = 0; i < count; ++i) {
         DiskIoRequest& io = requests[i];
         if (io.status != StatusCode::Success) continue;
@@ -458,12 +464,16 @@ StatusCode DiskManager::ParallelDiskIO(int direction, DiskIoRequest* requests, i
         it.list = DiskSGL::Allocate();
         it.request.data = it.list;
         it.request.groupSemaphore = batch;
-        StatusCode st = paneBytes(io.panes, io.paneCount) == 0 ? StatusCode(StatusCode::BadIOLength)
-                      : write ? mDisks[io.slot]->WriteDataNoWait(io.panes, io.paneCount, io.lba, &it.request)
-                              : mDisks[io.slot]->ReadDataNoWait(io.panes, io.paneCount, io.lba, &it.request);
+        DiskQueue* mine = nullptr;
+        StatusCode st = paneBytes(io.panes, io.paneCount) == 0
+                            ? StatusCode(StatusCode::BadIOLength)
+                        : i == last ? mDisks[io.slot]->IssueOrClaim(write, io.panes, io.paneCount, io.lba, &it.request, mine)
+                        : write     ? mDisks[io.slot]->WriteDataNoWait(io.panes, io.paneCount, io.lba, &it.request)
+                                    : mDisks[io.slot]->ReadDataNoWait(io.panes, io.paneCount, io.lba, &it.request);
         if (st == StatusCode::Success) {
             it.issued = true;
-            normalWaits++;
+            if (mine) claimed = mine;
+            else normalWaits++;
         } else if (st == StatusCode::DiskClosed) {
             io.status = result = StatusCode::DiskNotPresent;
             fastErrorWaits++;
@@ -473,6 +483,7 @@ StatusCode DiskManager::ParallelDiskIO(int direction, DiskIoRequest* requests, i
             io.status = result = st;
         }
     }
+    if (claimed) claimed->RunClaimed(&items[last].request);
     for (unsigned w = 0; w < normalWaits; ++w) semTakeForever(batch);
     for (unsigned w = 0; w < fastErrorWaits; ++w) {
         ESA_CONSOLE("Waiting for fasterror sem " << w << " of " << fastErrorWaits);

@@ -128,28 +128,41 @@ bool DiskObject::verifyDiskIdentifier() {
 
 StatusCode DiskObject::syncRequest(uint16_t command, void* data, uint64_t lba, uint32_t sectors, uint32_t timeout) {
     if (!mQueue) return StatusCode::DiskNotPresent;
-    int index = takeSemaphore();
-    if (index < 0) {
-        ESA_CONSOLE("DO: ReadData: allocate free semaphore failed ...");
-        return StatusCode::InternalError;
-    }
     __DiskQReqStruct r;
     r.command = command;
     r.lba = lba;
     r.count = sectors;
     r.data = data;
     r.timeout = timeout;
-    r.syncSemaphore = mSemaphores[index].sem;
     if (DiskCommand::isRead(command) || DiskCommand::isWrite(command))
         r.timeout = DiskPowerManager::GetInstance()->WakeupSystem(mSlot);
     uint64_t now = tick64Get();
     r.enqueueTick = now;
     mLastIoTick = now;
     if (DiskCommand::isWrite(command)) mLastWriteTick = now;
-    int pushed;
+    DiskQueue* claimed = nullptr;
+    int index = -1;
+    int pushed = 0;
     {
-        std::lock_guard<std::recursive_mutex> g(mDOLock);  // the queue cannot go away under the push
-        pushed = mQueue ? mQueue->PushToQNoWait(&r) : (r.status = StatusCode::DiskNotPresent, 0);
+        std::lock_guard<std::recursive_mutex> g(mDOLock);  // the queue cannot go away under the push or claim
+        if (!mQueue) return StatusCode::DiskNotPresent;
+        if (mQueue->ClaimIdle()) {
+            // An idle disk: this thread serves its own request. The queue
+            // lives until the claim ends (its shutdown waits for it).
+            claimed = mQueue.get();
+        } else {
+            index = takeSemaphore();
+            if (index < 0) {
+                ESA_CONSOLE("DO: ReadData: allocate free semaphore failed ...");
+                return StatusCode::InternalError;
+            }
+            r.syncSemaphore = mSemaphores[index].sem;
+            pushed = mQueue->PushToQNoWait(&r);
+        }
+    }
+    if (claimed) {
+        claimed->RunClaimed(&r);
+        return r.status;
     }
     if (pushed) semTakeForever(r.syncSemaphore);
     giveSemaphore(index);
@@ -169,7 +182,7 @@ StatusCode DiskObject::WriteSGLData(DiskSGL* list, uint64_t lba, uint32_t sector
 }
 
 StatusCode DiskObject::noWait(uint16_t command, const DiskPane* panes, size_t paneCount, uint64_t lba,
-                              __DiskQReqStruct* r) {
+                              __DiskQReqStruct* r, DiskQueue** claimed) {
     auto* list = static_cast<DiskSGL*>(r->data);
     if (!list) return StatusCode::InternalError;
     if (paneCount > kDriveMaxScatterEntries) return StatusCode::DM_SGLTooLong;
@@ -187,6 +200,10 @@ StatusCode DiskObject::noWait(uint16_t command, const DiskPane* panes, size_t pa
     int pushed;
     {
         std::lock_guard<std::recursive_mutex> g(mDOLock);
+        if (claimed && mQueue && mQueue->ClaimIdle()) {
+            *claimed = mQueue.get();  // lives until the claim ends: its shutdown waits for it
+            return StatusCode::Success;
+        }
         pushed = mQueue ? mQueue->PushToQNoWait(r) : (r->status = StatusCode::DiskNotPresent, 0);
     }
     if (!pushed) return r->status;
@@ -205,6 +222,12 @@ StatusCode DiskObject::ReadDataNoWait(const DiskPane* panes, size_t n, uint64_t 
 
 StatusCode DiskObject::WriteDataNoWait(const DiskPane* panes, size_t n, uint64_t lba, __DiskQReqStruct* r) {
     return noWait(DiskCommand::WriteSGL, panes, n, lba, r);
+}
+
+StatusCode DiskObject::IssueOrClaim(bool write, const DiskPane* panes, size_t n, uint64_t lba, __DiskQReqStruct* r,
+                                    DiskQueue*& claimed) {
+    claimed = nullptr;
+    return noWait(write ? DiskCommand::WriteSGL : DiskCommand::ReadSGL, panes, n, lba, r, &claimed);
 }
 
 StatusCode DiskObject::ReadWriteSectorTest(uint64_t lba, uint32_t sectors) {

@@ -40,6 +40,12 @@ public:
     // Fill the DiskSGL the caller put in request->data; push without waiting.
     StatusCode ReadDataNoWait(const DiskPane* panes, size_t paneCount, uint64_t lba, __DiskQReqStruct* request);
     StatusCode WriteDataNoWait(const DiskPane* panes, size_t paneCount, uint64_t lba, __DiskQReqStruct* request);
+    // The same, except that an idle disk is claimed for the caller instead of
+    // queueing the request: `claimed` is then the queue, and the caller must
+    // serve the request with claimed->RunClaimed(request) (it is the last
+    // request of a parallel batch, served while the workers serve the rest).
+    StatusCode IssueOrClaim(bool write, const DiskPane* panes, size_t paneCount, uint64_t lba,
+                            __DiskQReqStruct* request, DiskQueue*& claimed);
     // No write since the last good flush: DM_DiskAlreadyFlushed. With a
     // semaphore the flush is queued and given to it (call FlushCompleted after
     // the wait); without one it is waited for here.
@@ -66,7 +72,8 @@ public:
 
 private:
     StatusCode syncRequest(uint16_t command, void* data, uint64_t lba, uint32_t sectors, uint32_t timeout);
-    StatusCode noWait(uint16_t command, const DiskPane* panes, size_t paneCount, uint64_t lba, __DiskQReqStruct* r);
+    StatusCode noWait(uint16_t command, const DiskPane* panes, size_t paneCount, uint64_t lba, __DiskQReqStruct* r,
+                      DiskQueue** claimed = nullptr);
     int takeSemaphore();
     void giveSemaphore(int index);
 

@@ -33,7 +33,7 @@ StatusCode DiskQueue::Initialize(int slot, std::atomic<uint64_t>* writesDone) {
     mSlot = slot;
     mWritesDone = writesDone;
     mSem = semCCreate(SEM_Q_FIFO, 0);
-    mLastLoopUs = getTimebase();
+    mIntervalStartUs = getTimebase();
     return mSem ? StatusCode::Success : StatusCode::InitFailed;
 }
 
@@ -60,13 +60,38 @@ StatusCode DiskQueue::PushToQ(__DiskQReqStruct* r) {
         r->status = StatusCode::InternalError;
         return r->status;
     }
+    if (ClaimIdle()) {
+        RunClaimed(r);
+        return r->status;
+    }
     if (!PushToQNoWait(r)) return r->status;
     semTakeForever(r->syncSemaphore);
     return r->status;
 }
 
-__DiskQReqStruct* DiskQueue::popHead() {
+bool DiskQueue::ClaimIdle() {
     std::lock_guard<std::mutex> g(mMutex);
+    if (mClosing || mInFlight || mHead || mShutdown) return false;
+    mInFlight = true;
+    return true;
+}
+
+void DiskQueue::RunClaimed(__DiskQReqStruct* r) {
+    r->next = r->previous = nullptr;
+    serve(r);
+    releaseClaim();
+}
+
+void DiskQueue::releaseClaim() {
+    std::lock_guard<std::mutex> g(mMutex);
+    mInFlight = false;
+    // Requests that queued behind the claim are the worker's now. The give
+    // happens under the mutex: once it is released a shutdown may destroy
+    // the queue.
+    if (mHead) semGive(mSem);
+}
+
+__DiskQReqStruct* DiskQueue::popHeadLocked() {
     __DiskQReqStruct* r = mHead;
     if (!r) return nullptr;
     mHead = r->next;
@@ -77,38 +102,69 @@ __DiskQReqStruct* DiskQueue::popHead() {
     return r;
 }
 
+__DiskQReqStruct* DiskQueue::claimHead(bool& claimedElsewhere) {
+    std::lock_guard<std::mutex> g(mMutex);
+    claimedElsewhere = mInFlight;
+    if (mInFlight || !mHead) return nullptr;
+    mInFlight = true;
+    return popHeadLocked();
+}
+
 void DiskQueue::complete(__DiskQReqStruct* r) {
     if (r->groupIndex + 1 != r->groupSize) return;
     SEM_ID sem = r->groupSemaphore ? r->groupSemaphore : r->syncSemaphore;
     if (sem) semGive(sem);  // the request may be gone from here on
 }
 
+void DiskQueue::serve(__DiskQReqStruct* r) {
+    HandleRequest(r);
+    if (mWritesDone && DiskCommand::isWrite(r->command)) (*mWritesDone)++;
+    uint64_t service = r->serviceStart ? getTimebase() - r->serviceStart : 0;
+    mBusyUs += service;
+    if (r->status == StatusCode::Success && service >= kSlowServiceUs && r->timeout <= 20)
+        ErrorPolicy::GetInstance()->blockError(ErrorPolicy::RecoveredTimeout, r->status, uint16_t(mSlot), r->lba,
+                                               r->count, uint32_t(service / 1000));
+}
+
 void DiskQueue::DoRequestLoop() {
-    for (;;) {
-        uint64_t now = getTimebase();
-        mElapsedUs += now - mLastLoopUs;
-        mLastLoopUs = now;
-        if (GetDiskQueueDepth() == 0) semTakeForever(mSem);
-        if (mShutdown) break;
-        __DiskQReqStruct* r = popHead();
-        if (!r) continue;  // a give left over from a request already taken
-        HandleRequest(r);
-        if (mWritesDone && DiskCommand::isWrite(r->command)) (*mWritesDone)++;
-        uint64_t service = r->serviceStart ? getTimebase() - r->serviceStart : 0;
-        mBusyUs += service;
-        if (r->status == StatusCode::Success && service >= kSlowServiceUs && r->timeout <= 20)
-            ErrorPolicy::GetInstance()->blockError(ErrorPolicy::RecoveredTimeout, r->status, uint16_t(mSlot), r->lba,
-                                                   r->count, uint32_t(service / 1000));
+    while (!mShutdown) {
+        bool claimedElsewhere = false;
+        __DiskQReqStruct* r = claimHead(claimedElsewhere);
+        if (!r) {
+            // Empty, or a caller is serving its own request: the next push,
+            // the end of that claim or a shutdown gives the semaphore.
+            semTakeForever(mSem);
+            continue;
+        }
+        serve(r);
+        // The claim goes back before the owner wakes, so that its next
+        // request may find the disk idle.
+        {
+            std::lock_guard<std::mutex> g(mMutex);
+            mInFlight = false;
+        }
         complete(r);
     }
-    // Shutdown: no more pushes; what is queued is still handled and signalled.
+    // Shutdown: no more pushes or claims; what is queued is still handled and
+    // signalled, after a caller's claim in flight has ended.
     {
         std::lock_guard<std::mutex> g(mMutex);
         mClosing = true;
     }
-    while (__DiskQReqStruct* r = popHead()) {
+    for (;;) {
+        bool claimedElsewhere = false;
+        __DiskQReqStruct* r = claimHead(claimedElsewhere);
+        if (!r) {
+            if (!claimedElsewhere) break;
+            taskDelay(0);
+            continue;
+        }
         ESA_CONSOLE("Handling request during shutdown");
         HandleRequest(r);
+        {
+            std::lock_guard<std::mutex> g(mMutex);
+            mInFlight = false;
+        }
         complete(r);
     }
     mShutdown = false;  // the last act: Shutdown() waits for it
@@ -270,7 +326,9 @@ uint32_t DiskQueue::GetDiskQueueMaxDepth() {
 }
 
 uint32_t DiskQueue::GetDiskBusyPercentage() {
-    uint64_t busy = mBusyUs.exchange(0), elapsed = mElapsedUs.exchange(0);
+    // The interval runs from the last reading to now, whoever served the commands in it.
+    uint64_t now = getTimebase();
+    uint64_t busy = mBusyUs.exchange(0), elapsed = now - mIntervalStartUs.exchange(now);
     if (elapsed == 0) return busy ? 100 : 0;
     return uint32_t(std::min<uint64_t>(100, 100 * busy / elapsed));
 }

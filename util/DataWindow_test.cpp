@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <memory>
 #include <numeric>
 #include <thread>
 #include <vector>
@@ -289,6 +290,32 @@ TEST(MemoryPool, GetBlocksEvictsTheLeastRecentlyUsedCleanEntries) {
     EXPECT_TRUE(b.evicted);
     EXPECT_EQ(pool.lru().entries(), 0u);
     EXPECT_EQ(pool.freeCount(), 4u);
+}
+
+// The hit path's mark of use leaves an entry among the newest part of the
+// list in place and moves an older one to the tail, so eviction still takes
+// the least recently used entry first.
+TEST(MemoryPool, AHitMovesAnOldEntryToTheTailAndLeavesANewOneInPlace) {
+    constexpr int kEntries = 64;  // the newest part: the last 32 placed
+    MemoryPool pool("lruHitPool", kEntries, 512);
+    std::vector<std::unique_ptr<FakeEntry>> e;
+    for (int i = 0; i < kEntries; ++i) {
+        e.push_back(std::make_unique<FakeEntry>(pool, 1));
+        pool.lru().AddToLRU(*e.back());
+    }
+    pool.lru().MarkRecentlyUsed(*e[kEntries - 1]);  // among the newest: left in place
+    pool.lru().MarkRecentlyUsed(*e[0]);             // the oldest: becomes the newest
+    DataStore* s = pool.GetBlocks(2);
+    EXPECT_FALSE(e[0]->evicted) << "a used entry was evicted as if unused";
+    EXPECT_TRUE(e[1]->evicted);
+    EXPECT_TRUE(e[2]->evicted);
+    s->DecRef();
+    // Everything else goes before the entry that was used.
+    EXPECT_EQ(pool.lru().FreeLeastRecentlyUsed(kEntries - 3, false), StatusCode::Success);
+    for (int i = 1; i < kEntries; ++i) EXPECT_TRUE(e[size_t(i)]->evicted) << i;
+    EXPECT_FALSE(e[0]->evicted);
+    EXPECT_EQ(pool.lru().entries(), 1u);
+    pool.lru().RemoveFromLRU(*e[0]);
 }
 
 TEST(MemoryPoolDeath, AskingForMoreThanThePoolHoldsIsFatal) {

@@ -19,6 +19,7 @@ void MemoryPool::LRU::AddToLRU(LruNode& node) {
     ESA_ASSERT(!node.active);
     mList.push_back(&node);
     node.active = true;
+    node.placed.store(mPlacements.fetch_add(1, std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     ++mEntries;
     node.lruStore()->incLRUCount();
 }
@@ -37,6 +38,7 @@ void MemoryPool::LRU::MarkMostRecentlyUsed(LruNode& node) {
     ESA_ASSERT(node.active);
     mList.remove(&node);
     mList.push_back(&node);
+    node.placed.store(mPlacements.fetch_add(1, std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }
 
 uint32_t MemoryPool::LRU::entries() {

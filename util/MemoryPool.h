@@ -8,6 +8,7 @@
 //
 // Lock order: the owner's lock (the cache tracker's mLock), then the LRU
 // lock; the pool lock is never held while evicting.
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <string>
@@ -32,6 +33,8 @@ public:
 class LruNode : public dNode {
 public:
     bool active = false;  // on the LRU list
+    // When it was last put at the tail, in the LRU's count of placements.
+    std::atomic<uint64_t> placed{0};
     virtual DataStore* lruStore() = 0;
     // False while the entry is dirty (unless evictDirty) or locked.
     virtual bool lruEvictable(bool evictDirty) = 0;
@@ -52,6 +55,19 @@ public:
         void AddToLRU(LruNode& node);
         void RemoveFromLRU(LruNode& node);
         void MarkMostRecentlyUsed(LruNode& node);
+        // The same for the hottest path, where the LRU's lock and list ends
+        // would be written by every thread's every hit: a node that is
+        // already among the most recently placed quarter of the list (at
+        // least the last kNewestPlacements placed) stays where it is (no
+        // lock, no write); an older one moves to the tail. Eviction order is
+        // exact except within that newest part.
+        static constexpr uint32_t kNewestPlacements = 32;
+        void MarkRecentlyUsed(LruNode& node) {
+            uint64_t window = std::max<uint64_t>(mEntries.load(std::memory_order_relaxed) / 4, kNewestPlacements);
+            if (mPlacements.load(std::memory_order_relaxed) - node.placed.load(std::memory_order_relaxed) < window)
+                return;
+            MarkMostRecentlyUsed(node);
+        }
         // Evicts from the head until `wanted` blocks came free; entries that
         // cannot go move to the tail. MP_NoFreeEntriesOnLRU after one round
         // with nothing evictable.
@@ -63,7 +79,8 @@ public:
     private:
         dList<LruNode> mList;  // head: least recently used
         LruOwner* mOwner = nullptr;
-        uint32_t mEntries = 0;
+        std::atomic<uint32_t> mEntries{0};
+        std::atomic<uint64_t> mPlacements{0};  // placements at the tail so far (written under mLock)
         ReentrantLockObject mLock;
     };
 

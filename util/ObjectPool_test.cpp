@@ -96,3 +96,33 @@ TEST(ObjectPool, ManyThreadsNeverShareAnEntry) {
     EXPECT_EQ(corrupt.load(), 0);
     EXPECT_EQ(ObjectPool<Hammered>::allocated(), 0u);
 }
+
+namespace {
+struct Kept : ObjectPool<Kept> {
+    uint64_t value = 0;
+};
+}  // namespace
+
+// A thread keeps a few entries it freed for its own next allocations; when it
+// ends they must go back to the pool, or a pool used by short-lived threads
+// would drain into the heap.
+TEST(ObjectPool, EntriesAThreadKeptGoBackToThePoolWhenItEnds) {
+    constexpr size_t kEntries = 1024;
+    ObjectPool<Kept>::Initialize(kEntries);
+    for (int round = 0; round < 4; ++round) {
+        std::thread([] {
+            std::vector<Kept*> mine;
+            for (int i = 0; i < 40; ++i) mine.push_back(new Kept);
+            for (Kept* k : mine) delete k;
+            EXPECT_EQ(ObjectPool<Kept>::allocated(), 0u) << "kept entries are free, not allocated";
+        }).join();
+    }
+    EXPECT_EQ(ObjectPool<Kept>::allocated(), 0u);
+    const size_t heapBefore = ObjectPool<Kept>::allocFromHeap();
+    std::vector<Kept*> all;
+    for (size_t i = 0; i < kEntries; ++i) all.push_back(new Kept);
+    EXPECT_EQ(ObjectPool<Kept>::allocFromHeap(), heapBefore) << "entries kept by ended threads were lost";
+    EXPECT_EQ(ObjectPool<Kept>::allocated(), kEntries);
+    for (Kept* k : all) delete k;
+    EXPECT_EQ(ObjectPool<Kept>::allocated(), 0u);
+}

@@ -6,6 +6,7 @@
 
 #include "platform/target/IscsiConnectionTask.h"
 #include "platform/target/IscsiTarget.h"
+#include "platform/target/SplitCommand.h"
 
 using namespace iscsi;
 using namespace iscsi_connection;
@@ -64,6 +65,7 @@ bool IscsiConnection::handleScsiCommand(Pdu& pdu) {
         t.cmd.lba = d.lba;
         t.cmd.blocks = d.blocks;
         t.cmd.fua = d.fua;
+        t.split = split::needed(t.cmd);
         break;
     case Kind::SyncCache:
         t.cmd.kind = TargetCommand::Kind::SyncCache;
@@ -83,6 +85,7 @@ bool IscsiConnection::handleScsiCommand(Pdu& pdu) {
         t.cmd.blocks = uint32_t(land / scsi::kBlockSize);
         if (t.partialBlock) t.cmd.blocks = 0;
         t.landing = t.cmd.blocks * scsi::kBlockSize;
+        t.split = split::needed(t.cmd);
         break;
     }
     case Kind::Management:
@@ -106,7 +109,8 @@ bool IscsiConnection::handleScsiCommand(Pdu& pdu) {
 
     if (t.writeFlag && t.edtl > 0) {
         if (t.landing > 0) {
-            uint8_t* buf = t.cmd.kind == TargetCommand::Kind::Write ? mBackend.writeBuffer(t.cmd) : nullptr;
+            // A split write lands in the target's memory: each piece gets its own backend buffer.
+            uint8_t* buf = t.cmd.kind == TargetCommand::Kind::Write && !t.split ? mBackend.writeBuffer(t.cmd) : nullptr;
             if (buf == nullptr) {
                 t.ownBuffer.resize(t.landing);
                 buf = t.ownBuffer.data();
@@ -237,6 +241,20 @@ void IscsiConnection::executeTask(Task* t) {
         t->submitted = true;
         ++mSubmitted;
     }
+    if (t->split) {
+        // Runs here, piece after piece; this connection's next commands wait
+        // for it (a host that sends such commands sends them rarely).
+        uint8_t* data = t->buffer;
+        if (t->cmd.kind == TargetCommand::Kind::Read) {
+            t->ownBuffer.resize(size_t(t->cmd.blocks) * scsi::kBlockSize);
+            data = t->ownBuffer.data();
+        }
+        t->cmd.status = split::runInPieces(mBackend, t->cmd, data);
+        if (t->cmd.kind == TargetCommand::Kind::Read && t->cmd.status.ok())
+            t->cmd.dataIn = {TargetSegment{data, uint32_t(t->ownBuffer.size())}};
+        commandDone(t->cmd);
+        return;
+    }
     mBackend.submit(t->cmd);
 }
 
@@ -263,7 +281,7 @@ void IscsiConnection::commandDone(TargetCommand& cmd) {
         }
     }
     std::lock_guard<std::mutex> g(mTaskLock);
-    mBackend.release(t->cmd);
+    if (!t->split) mBackend.release(t->cmd);  // a split command's pieces were released one by one
     --mSubmitted;
     mTasks.erase(t->itt);
     --mOutstanding;

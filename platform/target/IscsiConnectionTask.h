@@ -38,6 +38,9 @@ struct IscsiConnection::Task {
     bool dataPhaseError = false;
     bool receiving = false;
 
+    // Larger than one request of the system: runs in pieces over the target's
+    // own copy of the data (SplitCommand); the whole command never reaches the backend.
+    bool split = false;
     bool submitted = false;
     bool aborted = false;
     bool responded = false;  // the status is on its way: the task is complete for the host

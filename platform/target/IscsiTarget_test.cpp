@@ -9,6 +9,7 @@
 // backend's counters are then skipped.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <cstdlib>
@@ -206,6 +207,52 @@ TEST_P(IscsiTargetTest, SolicitedBurstsLandInOrderWhileOtherCommandsRun) {
     EXPECT_EQ(collect(ini, 7).status, scsi::kStatusGood);
     auto r = run(ini, ini.scsiCommand(9, 0, cdb10(scsi::kRead10, 2000, 8), true, false, 4096));
     EXPECT_EQ(r.data, data);
+}
+
+// A command larger than one request of the system (2048 blocks, as a
+// conformance suite's setup writes them) runs in pieces: the data of every
+// piece land where they belong, whole, in order, and the pieces meet at their
+// edges; a read past the pieces' limit is still refused.
+TEST_P(IscsiTargetTest, ACommandLargerThanOneSystemRequestRunsInPiecesAndReadsBackWhole) {
+    TestInitiator ini;
+    loginNormal(ini, {{"ImmediateData", "No"}, {"InitialR2T", "Yes"}, {"MaxBurstLength", "262144"}});
+    constexpr uint32_t kBlocks = 2 * scsi::kMaxRequestBlocks + 3;
+    constexpr uint64_t kLba = 1000;
+    const uint32_t bytes = kBlocks * scsi::kBlockSize;
+    auto data = pattern(bytes, 41);
+    ASSERT_TRUE(ini.send(ini.scsiCommand(21, 0, dataCdb16(scsi::kWrite16, kLba, kBlocks), false, true, bytes)));
+    uint32_t sent = 0;
+    while (sent < bytes) {
+        Pdu r2t;
+        ASSERT_TRUE(ini.receive(r2t));
+        ASSERT_EQ(r2t.bhs.opcode(), kReadyToTransfer);
+        uint32_t offset = r2t.bhs.word40(), len = getBe32(r2t.bhs.b + 44);
+        ASSERT_EQ(offset, sent);
+        for (uint32_t done = 0, sn = 0; done < len; ++sn) {
+            uint32_t n = std::min<uint32_t>(4096, len - done);
+            std::vector<uint8_t> part(data.begin() + offset + done, data.begin() + offset + done + n);
+            done += n;
+            ASSERT_TRUE(ini.send(ini.dataOut(21, r2t.bhs.word20(), sn, offset + done - n, done == len), part));
+        }
+        sent += len;
+    }
+    auto w = collect(ini, 21);
+    EXPECT_EQ(w.status, scsi::kStatusGood);
+    auto r = run(ini, ini.scsiCommand(22, 0, dataCdb16(scsi::kRead16, kLba, kBlocks), true, false, bytes));
+    EXPECT_EQ(r.status, scsi::kStatusGood);
+    EXPECT_TRUE(r.data == data) << "the pieces did not land in order";
+    // Smaller reads across the pieces' edges see the same bytes.
+    for (uint64_t edge : {kLba + scsi::kMaxRequestBlocks - 1, kLba + 2 * scsi::kMaxRequestBlocks - 1}) {
+        auto e = run(ini, ini.scsiCommand(23, 0, cdb10(scsi::kRead10, uint32_t(edge), 2), true, false, 1024));
+        size_t at = size_t(edge - kLba) * scsi::kBlockSize;
+        EXPECT_TRUE(std::equal(e.data.begin(), e.data.end(), data.begin() + long(at))) << edge;
+    }
+    auto tooBig = run(ini, ini.scsiCommand(24, 0, dataCdb16(scsi::kRead16, 0, scsi::kMaxTransferBlocks + 1), true, false,
+                                           0));
+    EXPECT_EQ(tooBig.status, scsi::kStatusCheckCondition);
+    if (mBackend) {
+        EXPECT_EQ(mBackend->submitted(), 3u + 3u + 2u) << "a write and a read of three pieces, two small reads";
+    }
 }
 
 TEST_P(IscsiTargetTest, MalformedPduEndsOnlyItsOwnSession) {

@@ -175,7 +175,7 @@ Decision ScsiResponder::inquiry(const uint8_t* cdb, uint32_t lun) const {
         body.assign(60, 0);
         putBe16(&body[2], 8);                    // optimal granularity: one 4 KiB cluster
         putBe32(&body[4], kMaxTransferBlocks);   // maximum transfer length
-        putBe32(&body[8], kMaxTransferBlocks);   // optimal transfer length
+        putBe32(&body[8], kMaxRequestBlocks);    // optimal transfer length: one request of the system
         break;
     default:
         return check(kInvalidFieldInCdb);

@@ -23,9 +23,13 @@ constexpr uint8_t kTestUnitReady = 0x00, kRequestSense = 0x03, kRead6 = 0x08, kW
                   kWrite12 = 0xaa, kVendorManagement = 0xea;
 constexpr uint8_t kReadCapacity16ServiceAction = 0x10;
 
-// The largest data command the system takes: 0x400 sectors of 512 bytes.
 constexpr uint32_t kBlockSize = 512;
-constexpr uint32_t kMaxTransferBlocks = 0x400;
+// The largest request the system takes: 0x400 sectors of 512 bytes. A data
+// command may be larger, up to kMaxTransferBlocks (8 MiB, the Block Limits
+// page's maximum transfer length); the target runs it as requests of at most
+// kMaxRequestBlocks (SplitCommand), and names that size the optimal one.
+constexpr uint32_t kMaxRequestBlocks = 0x400;
+constexpr uint32_t kMaxTransferBlocks = 0x4000;
 
 struct Decision {
     enum class Kind { Answered, Read, Write, SyncCache, Management, Check };

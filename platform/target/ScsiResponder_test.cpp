@@ -5,6 +5,7 @@
 
 #include "platform/target/IscsiPdu.h"
 #include "platform/target/ScsiResponder.h"
+#include "platform/target/TestInitiator.h"
 #include "platform/target/TargetLunTable.h"
 
 using namespace scsi;
@@ -53,13 +54,6 @@ std::vector<uint8_t> rw10(uint8_t op, uint32_t lba, uint16_t blocks, uint8_t fla
     putBe16(&c[7], blocks);
     return c;
 }
-std::vector<uint8_t> rw16(uint8_t op, uint64_t lba, uint32_t blocks) {
-    std::vector<uint8_t> c(16, 0);
-    c[0] = op;
-    putBe64(&c[2], lba);
-    putBe32(&c[10], blocks);
-    return c;
-}
 
 }  // namespace
 
@@ -97,6 +91,7 @@ TEST_F(ScsiResponderTest, VitalProductPagesListAndDescribeTheLun) {
     ASSERT_EQ(limits.data.size(), 64u);
     EXPECT_EQ(getBe16(&limits.data[2]), 0x3c);
     EXPECT_EQ(getBe32(&limits.data[8]), kMaxTransferBlocks);
+    EXPECT_EQ(getBe32(&limits.data[12]), kMaxRequestBlocks);
     expectCheck(decide({kInquiry, 1, 0xb1, 0, 255, 0}), kInvalidFieldInCdb);
 }
 
@@ -174,7 +169,7 @@ TEST_F(ScsiResponderTest, DataCommandsDecodeEveryCdbSize) {
     auto d12 = decide(r12);
     EXPECT_EQ(d12.lba, 77u);
     EXPECT_EQ(d12.blocks, 3u);
-    auto w16 = decide(rw16(kWrite16, kLastLba1 - 7, 8), 1);
+    auto w16 = decide(dataCdb16(kWrite16, kLastLba1 - 7, 8), 1);
     EXPECT_EQ(w16.kind, Kind::Write);
     EXPECT_EQ(w16.lba, kLastLba1 - 7);
     auto zero = decide(rw10(kRead10, uint32_t(kLastLba0), 0));
@@ -185,8 +180,8 @@ TEST_F(ScsiResponderTest, DataCommandsDecodeEveryCdbSize) {
 TEST_F(ScsiResponderTest, DataCommandsOutsideTheLunAreRefusedBeforeTheSystem) {
     expectCheck(decide(rw10(kRead10, uint32_t(kLastLba0), 2)), kLbaOutOfRange);
     expectCheck(decide(rw10(kWrite10, uint32_t(kLastLba0 + 1), 0)), kLbaOutOfRange);
-    expectCheck(decide(rw16(kRead16, ~0ull, 1)), kLbaOutOfRange);  // no wrap-around
-    expectCheck(decide(rw16(kWrite16, kLastLba1, 0xffffffffu), 1), kLbaOutOfRange);
+    expectCheck(decide(dataCdb16(kRead16, ~0ull, 1)), kLbaOutOfRange);  // no wrap-around
+    expectCheck(decide(dataCdb16(kWrite16, kLastLba1, 0xffffffffu), 1), kLbaOutOfRange);
     EXPECT_EQ(decide(rw10(kRead10, uint32_t(kLastLba0), 1)).kind, Kind::Read);
 }
 

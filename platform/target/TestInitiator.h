@@ -19,6 +19,15 @@
 
 #include "platform/target/IscsiPdu.h"
 
+// A 16-byte data CDB (READ(16), WRITE(16) and their like): opcode, LBA, blocks.
+inline std::vector<uint8_t> dataCdb16(uint8_t op, uint64_t lba, uint32_t blocks) {
+    std::vector<uint8_t> c(16, 0);
+    c[0] = op;
+    iscsi::putBe64(&c[2], lba);
+    iscsi::putBe32(&c[10], blocks);
+    return c;
+}
+
 class TestInitiator {
 public:
     // Each initiator has its own ISID, so that two are two sessions.
