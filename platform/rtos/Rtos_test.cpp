@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <ctime>
 #include <thread>
 
@@ -12,8 +13,13 @@
 
 namespace {
 
+// Advances the board clock until the waiter is done. A count of steps is no bound here:
+// on a loaded machine the waiter may not even have started its wait before a fixed number
+// of steps runs out, and then it waits on a clock nobody advances. The wall-clock limit
+// only ends a hang.
 void advanceUntil(std::atomic<bool>& done, uint64_t stepTicks) {
-    for (int i = 0; i < 100000 && !done; ++i) {
+    auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+    while (!done && std::chrono::steady_clock::now() < limit) {
         BoardClock::GetInstance().advance(stepTicks);
         std::this_thread::yield();
     }
