@@ -148,8 +148,13 @@ StatusCode CATManager::ReadData(ClientRequest& request) {
 
 StatusCode CATManager::LockAndWriteData(ClientRequest& request) {
     if (!mLoaded) return request.status = StatusCode::DiskPackNotLoaded;
+    // The cache takes a reference of its own to the request's data.
+    if (request.store) request.store->IncRef();
     StatusCode st = hlbat()->AddRange(request.lun, request.lba, request.len, request.store, request.iot);
-    if (!st.ok()) return request.status = st;
+    if (!st.ok()) {
+        if (request.store) request.store->DecRef();
+        return request.status = st;
+    }
     const uint64_t lba = request.lba;
     const uint32_t len = request.len;
     const uint64_t start = HostLbaTracker::roundedStart(lba);
@@ -175,7 +180,10 @@ StatusCode CATManager::writeHostRange(uint32_t lun, uint64_t lba, uint32_t len, 
                                       bool synchronous, IOTracker& tracker, ClientRequest* request) {
     if (!mLoaded) return StatusCode::DiskPackNotLoaded;
     StatusCode st = hlbat()->AddRange(lun, lba, len, store, tracker);
-    if (!st.ok()) return st;
+    if (!st.ok()) {
+        store->DecRef();  // refused: the reference stayed ours
+        return st;
+    }
     PostWriteElem elem;
     elem.numTags = 1;
     elem.checkOnly = checkOnly;
@@ -193,6 +201,7 @@ StatusCode CATManager::WriteData(ClientRequest& request, bool checkOnly) {
     if (!request.cto) {
         // A request that holds no lock: its data enter the cache and go
         // through the batch path as a batch of one.
+        // The cache takes a reference of its own to the data.
         DataStore* store = request.store;
         if (store) {
             store->IncRef();
@@ -204,7 +213,6 @@ StatusCode CATManager::WriteData(ClientRequest& request, bool checkOnly) {
         }
         StatusCode st = writeHostRange(request.lun, request.lba, request.len, store, checkOnly, false, request.iot,
                                        &request);
-        store->DecRef();
         request.status = st;
         return st;
     }

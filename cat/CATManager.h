@@ -83,7 +83,8 @@ public:
     // the clusters the range has.
     StatusCode WriteData(ClientRequest& request, bool checkOnly);
     // A host range written through the batch path as a batch of one: the
-    // data (`len` sectors in `store`) enter the cache, the range is locked
+    // data (`len` sectors in `store`, whose reference passes to the cache)
+    // enter the cache, the range is locked
     // whole clusters wide and written back; synchronous waits until the
     // data are on the disks.
     StatusCode writeHostRange(uint32_t lun, uint64_t lba, uint32_t len, DataStore* store, bool checkOnly,

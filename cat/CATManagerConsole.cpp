@@ -10,6 +10,7 @@
 #include "host/ClientRequest.h"
 #include "util/ConsoleCommand.h"
 #include "util/DebugClass.h"
+#include "util/ManagerRegistry.h"
 #include "zone/ZoneManager.h"
 
 namespace {
@@ -98,7 +99,6 @@ int lunWrite(int argc, char** argv, std::ostream& out) {
         }
         IOTracker tracker(READ_WRITE);
         StatusCode st = catm()->writeHostRange(uint32_t(lun), lba + done, n, store, inPlace, true, tracker, nullptr);
-        store->DecRef();
         tracker.commitIfDirty();
         if (!st.ok()) {
             out << "lunWrite: LUN " << lun << " LBA 0x" << std::hex << lba + done << std::dec << ": " << st << "\n";
@@ -312,12 +312,20 @@ ConsoleCommand cCltVerifyRedundancy("cltVerifyRedundancy", "Verifies the redunda
 ConsoleCommand cCatmcsvstats("catmcsvstats", "Prints the map's counters as comma-separated values", catmcsvstats);
 ConsoleCommand cCatmSetLimits("catmSetLimits", "Sets how much one journal set of the map may free and take",
                               catmSetLimits);
+struct Registration {
+    Registration() {
+        ManagerRegistry::add(
+            "CATManager", [](std::ostream& out) { CATManager::GetInstance()->Dump(out); },
+            [](std::ostream& out) { CATManager::GetInstance()->PerfInfo(out); });
+    }
+} gRegistration;
 ConsoleCommand cCltReclaim("cltReclaim", "Frees the clusters of a LUN range (by age with AGE)", cltReclaim);
 }  // namespace
 
 void CATManager::csvStats(std::ostream& out) {
     out << "reads,zoneReads,zeroClusters,batches,sets,redirected,inPlace,allocated,freed,badHashSkipped,"
-           "freshPartialWrites,zoneWrites,cltLookups,cltZeroFilled,catZonesCreated,chunksCleaned,cmAllocated\n";
+           "freshPartialWrites,zoneWrites,cltLookups,cltZeroFilled,cltLockedParts,catZonesCreated,chunksCleaned,"
+           "cmAllocated\n";
     const CATLookupTable::Counters& c = clt().counters();
     out << mCounters.reads << "," << mCounters.zoneReads << "," << mCounters.zeroClusters << "," << mCounters.batches
         << "," << mCounters.sets << "," << mCounters.redirected << "," << mCounters.inPlace << ","

@@ -46,7 +46,7 @@ void CATLookupTable::copyEntries(CATEntries& e, const Part& p, CacheTrackerObjec
     const uint32_t slot0 = p.firstEntry == 0 ? e.sectorOffset : 0;
     for (uint32_t i = 0; i < p.entries; ++i) {
         const uint32_t w = slot0 + i;
-        uint8_t* at = flat.data() + (w / kEntriesPerSector) * 512 + (w % kEntriesPerSector) * CATEntry::kBytes;
+        uint8_t* at = flat.data() + CLTGeometry::entryByte(w);
         uint8_t* mine = e.array->entries + (e.baseIndex + p.firstEntry + i) * CATEntry::kBytes;
         if (toWindow) {
             std::memcpy(at, mine, CATEntry::kBytes);

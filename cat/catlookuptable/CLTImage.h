@@ -28,6 +28,10 @@ struct CLTGeometry {
     static CLTGeometry compute(uint64_t regionSize, uint64_t zoneSize);
     // CAT zones a LUN of last LBA maxLba is given at creation.
     uint32_t catZonesFor(uint64_t maxLba) const;
+    // Byte of entry `w` (counted from the first slot of a sector) in a run
+    // of CAT sectors: 73 entries of 7 bytes to a sector, the last byte of
+    // each sector unused, so no entry crosses a sector boundary.
+    static uint32_t entryByte(uint32_t w) { return (w / kEntriesPerSector) * 512 + (w % kEntriesPerSector) * 7; }
     // LBAs one chunk's entries cover.
     uint64_t lbasPerChunk() const { return uint64_t(kSectorsPerCluster) * sectorsPerChunk * kEntriesPerSector; }
 };
