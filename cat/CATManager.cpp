@@ -67,8 +67,10 @@ StatusCode CATManager::ClusterRangeGet(uint32_t lun, uint64_t& lba, uint32_t len
     return clt().ClusterRangeGet(lun, lba, length, entries, numEntries, tracker);
 }
 
+// Without the map lock: the entries' zmdt range locks, held since the
+// lookup, keep every other user of them out, and the map lock may not be
+// taken while they are held (it comes first in the lock order).
 StatusCode CATManager::CATEntryComplete(CATEntries& entries, IOTracker& tracker, bool dirty) {
-    LockObject::ExclusiveLockInstance g(&mLock);
     return clt().Complete(entries, tracker, dirty);
 }
 

@@ -97,7 +97,8 @@ public:
     StatusCode ClusterRangeCheck(uint32_t lun, uint64_t& lba, uint32_t length, std::vector<PlacedRun>& runs,
                                  uint32_t& numAllocated);
 
-    // ---- lookups and reclaim, under the map lock
+    // ---- lookups and reclaim; the lookup under the map lock, its Complete
+    // under the range locks it holds
     StatusCode ClusterRangeGet(uint32_t lun, uint64_t& lba, uint32_t length, CATEntries& entries,
                                uint32_t& numEntries, IOTracker& tracker);
     StatusCode CATEntryComplete(CATEntries& entries, IOTracker& tracker, bool dirty);

@@ -331,7 +331,7 @@ void CATManager::csvStats(std::ostream& out) {
         << "," << mCounters.sets << "," << mCounters.redirected << "," << mCounters.inPlace << ","
         << mCounters.allocated << "," << mCounters.freed << "," << mCounters.badHashSkipped << ","
         << mCounters.freshPartialWrites << "," << mCounters.zoneWrites << "," << c.lookups << "," << c.zeroFilled
-        << "," << c.catZonesCreated << "," << c.chunksCleaned << ","
+        << "," << c.lockedLookups << "," << c.catZonesCreated << "," << c.chunksCleaned << ","
         << ClusterManager::GetInstance()->GetAllocatedClusters() << "\n";
 }
 
