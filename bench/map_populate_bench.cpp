@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/BenchPack.h"
 #include "cache/HostLbaTracker.h"
 #include "cat/CATManager.h"
 #include "cat/ClusterManager.h"
@@ -89,22 +90,10 @@ double zoneBatch(uint32_t zone, uint64_t offset, std::vector<DataWindow>& chunks
 }  // namespace
 
 int main() {
-    char tmpl[] = "/tmp/esa-map-bench-XXXXXX";
-    fs::path dir = ::mkdtemp(tmpl);
-    Board::createDefault(dir);
-    for (int s = 0; s < kDisks; ++s) {
-        std::string err;
-        if (!SimDisk::create(dir / "slots" / std::to_string(s), kDiskSectors, {}, err)) {
-            std::fprintf(stderr, "map_populate_bench: %s\n", err.c_str());
-            return 1;
-        }
-    }
-    ::setenv("ESA_BOARD", dir.c_str(), 1);
-    Board::GetInstance().open(dir);
-    taskRegisterSelf("tBench", 120);
-    StatusCode st = DiskManager::GetInstance()->Initialize();
-    if (st.ok()) st = DiskManager::GetInstance()->LoadDiskPack(false);
-    if (!st.ok()) fail("disks", st);
+    fs::path dir = benchpack::makeBoard("map-populate-bench", kDisks, kDiskSectors);
+    const char* what = nullptr;
+    StatusCode st = benchpack::startDisks(what);
+    if (!st.ok()) fail(what, st);
     LockOrderChecker::setEnabled(false);
     // The metadata journal in battery-backed memory, as the system runs it:
     // the map's commits go to it, not straight to the disks.
@@ -117,18 +106,7 @@ int main() {
     j2.Initialize();
     j2.LoadDiskPack();
     j2.installTrackerHooks();
-    RegionManager* rm = RegionManager::GetInstance();
-    if (!(st = rm->Initialize()).ok()) fail("Region layer", st);
-    // A new pack on the blank disks; the layers from the Zones to the map
-    // are loaded, the host side and the services are not needed.
-    DiskPackManager* dpm = DiskPackManager::GetInstance();
-    dpm->setSecondStageForTest([] {
-        DiskPackManager::GetInstance()->diskPackLoadStatus(StatusCode::Success);
-        return true;
-    });
-    if (!(st = dpm->doColdStart(true)).ok()) fail("new pack", st);
-    if (!(st = rm->LoadDiskPack()).ok()) fail("Region pack load", st);
-    if (!(st = ZoneManager::GetInstance()->LoadDiskPack()).ok()) fail("Zone table load", st);
+    if (!(st = benchpack::makePack(what)).ok()) fail(what, st);
     if (!(st = Zone0InfoTable::GetInstance()->LoadDiskPack()).ok()) fail("Zone 0", st);
     if (!(st = ClusterManager::GetInstance()->Initialize()).ok()) fail("cluster manager", st);
     if (!(st = ClusterManager::GetInstance()->LoadDiskPack()).ok()) fail("cluster manager load", st);

@@ -159,6 +159,75 @@ TEST(MapSystem, FirstWriteRedirectAndInPlaceKeepTheMapAndTheBitmapsInStep) {
     EXPECT_TRUE(metacheckClean(again));
 }
 
+// Runs of entries that cross a CAT sector (entry 72 to entry 0 of the next,
+// 8 bytes apart on disk) and a CAT zone (the lookup spans two Zones).
+TEST(MapSystem, WritesAcrossACatSectorAndACatZoneBoundaryReadBack) {
+    TestBoard board;
+    createDisks(board, "8G,8G,8G");
+    std::unique_ptr<EsaProcess> holder;
+    EsaProcess& esa = *startWithLun(board, holder);
+    // Cluster 72 is the last entry of CAT sector 0.
+    ok(esa, "lunWrite 0 568 24 31");
+    // 153,054,720 entries to a CAT zone on the default geometry: LBA 0x48FB7000.
+    ok(esa, "lunWrite 0 0x48FB6FE0 64 32");
+    ok(esa, "lunVerify 0 560 8 0");
+    ok(esa, "lunVerify 0 568 24 31");
+    ok(esa, "lunVerify 0 592 8 0");
+    ok(esa, "lunVerify 0 0x48FB6FE0 64 32");
+    ok(esa, "lunVerify 0 0x48FB7020 8 0");
+    EXPECT_EQ(counters(esa).at("cmAllocated"), 3u + 8u);
+    EXPECT_TRUE(metacheckClean(esa));
+    esa.console("reboot confirm");
+    EXPECT_EQ(esa.wait(), 75);
+    EsaProcess again(board.dir().string());
+    ASSERT_TRUE(again.waitForConsole()) << again.output();
+    ok(again, "lunVerify 0 568 24 31");
+    ok(again, "lunVerify 0 0x48FB6FE0 64 32");
+    EXPECT_TRUE(metacheckClean(again));
+}
+
+// Reclaim frees a range's clusters and its entries read as zeros; an entry
+// with a bad state code is replaced without freeing its cluster, and the
+// checks report both the entry and the cluster it leaves allocated.
+TEST(MapSystem, ReclaimFreesClustersAndABadHashIsReplacedButNotFreed) {
+    TestBoard board;
+    createDisks(board, "8G,8G,8G");
+    std::unique_ptr<EsaProcess> holder;
+    EsaProcess& esa = *startWithLun(board, holder);
+    ok(esa, "lunWrite 0 0 64 41");
+    EXPECT_EQ(counters(esa).at("cmAllocated"), 8u);
+    ok(esa, "cltReclaim 0 16 32");
+    EXPECT_EQ(counters(esa).at("cmAllocated"), 4u);
+    ok(esa, "lunVerify 0 0 16 41");
+    ok(esa, "lunVerify 0 16 32 0");
+    ok(esa, "lunVerify 0 48 16 41");
+    // Entries written within the last few ticks are kept by an age reclaim.
+    ConsoleResult young = esa.console("cltReclaim 0 0 16 200");
+    EXPECT_NE(young.output.find("0 clusters reclaimed, 2 skipped"), std::string::npos) << young.output;
+    EXPECT_TRUE(metacheckClean(esa));
+
+    // The entry of LBA 48 marked with state code 2 (cleared), same cluster.
+    const std::string place = placeOf(esa, 48);
+    const auto colon = place.find(':');
+    ASSERT_NE(colon, std::string::npos) << place;
+    const std::string zone = place.substr(0, colon);
+    const uint64_t offset = std::stoull(place.substr(colon + 1)) * 4096;
+    ok(esa, "writeclt 0 48 " + zone + " " + std::to_string(offset) + " 2 0");
+    ConsoleResult bad = esa.console("metacheck int");
+    EXPECT_NE(bad.rc, 0);
+    EXPECT_NE(bad.output.find("CLT entry bad hash value"), std::string::npos) << bad.output;
+    // The bad entry reads as zeros, is replaced by a write, and its cluster
+    // stays allocated: one more bit set than entries in use.
+    ok(esa, "lunVerify 0 48 8 0");
+    ok(esa, "lunWrite 0 48 8 42");
+    EXPECT_EQ(counters(esa).at("badHashSkipped"), 1u);
+    ok(esa, "lunVerify 0 48 8 42");
+    ConsoleResult ext = esa.console("metacheck ext");
+    EXPECT_NE(ext.rc, 0);
+    EXPECT_NE(ext.output.find("Allocated cluster count mismatch between CATM and CM"), std::string::npos)
+        << ext.output;
+}
+
 // A set that would free more runs of old clusters than the limit is split:
 // each piece commits on its own and the map stays consistent throughout.
 TEST(MapSystem, ScatteredOverwritesAreSplitIntoSetsThatEachFit) {

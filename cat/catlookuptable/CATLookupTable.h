@@ -130,6 +130,7 @@ private:
     void copyEntries(CATEntries& e, const Part& p, CacheTrackerObject* cto, bool toWindow);
     StatusCode ensureCatZoneReady(uint32_t lun, uint32_t catZone, uint32_t sector, uint32_t sectors,
                                   IOTracker& tracker);
+    StatusCode writePieces(uint32_t from);
     StatusCode writeImageRange(uint32_t firstByte, uint32_t lastByte, IOTracker& tracker);
     StatusCode createImage();
     StatusCode upgradeZones();
