@@ -228,6 +228,36 @@ TEST(MapSystem, ReclaimFreesClustersAndABadHashIsReplacedButNotFreed) {
         << ext.output;
 }
 
+// One batch of 8 streams, as a write thread hands them over: one is past
+// the LUN's end and fails alone; two share a cluster (each covers it in
+// part) and one overwrites clusters another stream of the batch places;
+// every other stream lands where it belongs and the map stays consistent.
+TEST(MapSystem, ABatchWithAStreamOutOfRangeAndStreamsSharingClustersWritesTheRest) {
+    TestBoard board;
+    createDisks(board, "8G,8G,8G");
+    std::unique_ptr<EsaProcess> holder;
+    EsaProcess& esa = *startWithLun(board, holder);
+    ok(esa, "lunWrite 0 0 256 50");
+    ConsoleResult r = esa.console("lunWriteBatch 0 51 0:3 5:3 64:64 0x100000100:8 1000:20 100:8 2000:1 3000:2");
+    ASSERT_EQ(r.rc, 0) << r.output;
+    EXPECT_NE(r.output.find("stream 3 LBA 0x100000100 +8: StatusCode::CATM_LBAOutOfRange"), std::string::npos)
+        << r.output;
+    for (int i : {0, 1, 2, 4, 5, 6, 7})
+        EXPECT_TRUE(std::regex_search(r.output, std::regex("stream " + std::to_string(i) + " LBA [^\n]*: StatusCode::Success")))
+            << i << "\n" << r.output;
+    ok(esa, "lunVerify 0 0 3 51");
+    ok(esa, "lunVerify 0 3 2 50");
+    ok(esa, "lunVerify 0 5 3 51");
+    ok(esa, "lunVerify 0 8 56 50");
+    ok(esa, "lunVerify 0 64 64 51");
+    ok(esa, "lunVerify 0 128 128 50");
+    ok(esa, "lunVerify 0 1000 20 51");
+    ok(esa, "lunVerify 0 2000 1 51");
+    ok(esa, "lunVerify 0 3000 2 51");
+    ok(esa, "lunVerify 0 3002 6 0");
+    EXPECT_TRUE(metacheckClean(esa));
+}
+
 // A set that would free more runs of old clusters than the limit is split:
 // each piece commits on its own and the map stays consistent throughout.
 TEST(MapSystem, ScatteredOverwritesAreSplitIntoSetsThatEachFit) {
