@@ -3,7 +3,9 @@
 // from and gives back to the Zone layer.
 #include <algorithm>
 #include <bit>
+#include <chrono>
 #include <cstdio>
+#include <thread>
 
 #include "cat/BitmapSegmentLoader.h"
 #include "cat/ClusterManager.h"
@@ -168,7 +170,7 @@ void ClusterManager::InitiateBackgroundScan(bool initial, bool force) {
 void ClusterManager::WaitForParserIdle() {
     while (mLoaded && (mPendingMessages.load() != 0 || mParsing.load() || mParsePending.load() ||
                        mAddZonePending.load()))
-        taskDelay(1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));  // host time: board time may stand still
 }
 
 // ---------------------------------------------------------------------------
