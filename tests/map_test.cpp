@@ -177,6 +177,17 @@ TEST(MapSystem, WritesAcrossACatSectorAndACatZoneBoundaryReadBack) {
     ok(esa, "lunVerify 0 0x48FB7020 8 0");
     EXPECT_EQ(counters(esa).at("cmAllocated"), 3u + 8u);
     EXPECT_TRUE(metacheckClean(esa));
+    // The written stretches: the first chunk, and the last chunk of CAT zone
+    // 0 with the first of CAT zone 1, which follow each other in the map.
+    ConsoleResult ranges = esa.console("listCLTRanges");
+    EXPECT_NE(ranges.output.find("2 written stretches"), std::string::npos) << ranges.output;
+    EXPECT_NE(ranges.output.find("LUN 0 LBA 0x0 "), std::string::npos) << ranges.output;
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(ranges.output, m, std::regex("LUN 0 LBA 0x([0-9a-f]+) length 0x([0-9a-f]+)\n[0-9]+ written")))
+        << ranges.output;
+    const uint64_t from = std::stoull(m[1].str(), nullptr, 16), length = std::stoull(m[2].str(), nullptr, 16);
+    EXPECT_LE(from, 0x48FB6FE0u);
+    EXPECT_GE(from + length, 0x48FB7020u);
     esa.console("reboot confirm");
     EXPECT_EQ(esa.wait(), 75);
     EsaProcess again(board.dir().string());
