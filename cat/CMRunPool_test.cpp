@@ -41,23 +41,48 @@ TEST(CMRunPool, HeadsAreTheLowestZoneAndClusterOfTheirClass) {
     EXPECT_EQ(pool.clusters(), 33000u);
 }
 
-TEST(CMRunPool, NeighboursAndOverlapsAreFoundWithinTheirZoneOnly) {
+TEST(CMRunPool, OverlapsAreRefusedAndNeighboursJoinedWithinTheirZoneOnly) {
     CMRunPool pool;
     pool.insert({5, 10, 3});   // 10..12
     pool.insert({5, 20, 30});  // 20..49
     pool.insert({6, 0, 8});
-    EXPECT_EQ(pool.endingAt(5, 13), ClusterRun(5, 10, 3));
-    EXPECT_FALSE(pool.endingAt(5, 14).has_value());
-    EXPECT_FALSE(pool.endingAt(6, 13).has_value());
-    EXPECT_FALSE(pool.endingAt(6, 0).has_value()) << "Zone 5's last run does not end where Zone 6 starts";
-    EXPECT_EQ(pool.find(5, 20), ClusterRun(5, 20, 30));
-    EXPECT_FALSE(pool.find(5, 21).has_value());
-    EXPECT_EQ(pool.overlapping({5, 12, 1}), ClusterRun(5, 10, 3));
-    EXPECT_EQ(pool.overlapping({5, 0, 11}), ClusterRun(5, 10, 3));
-    EXPECT_EQ(pool.overlapping({5, 49, 5}), ClusterRun(5, 20, 30));
-    EXPECT_FALSE(pool.overlapping({5, 13, 7}).has_value()) << "13..19 lies between the two";
-    EXPECT_FALSE(pool.overlapping({4, 10, 3}).has_value());
-    EXPECT_FALSE(pool.overlapping({5, 50, 100}).has_value());
+    ClusterRun clash;
+    for (ClusterRun r : {ClusterRun(5, 12, 1), ClusterRun(5, 0, 11)}) {
+        EXPECT_EQ(pool.join(r, true, clash), CMRunPool::Join::Overlaps) << r;
+        EXPECT_EQ(clash, ClusterRun(5, 10, 3));
+    }
+    EXPECT_EQ(pool.join({5, 49, 5}, true, clash), CMRunPool::Join::Overlaps);
+    EXPECT_EQ(clash, ClusterRun(5, 20, 30));
+    EXPECT_EQ(pool.join({5, 10, 3}, true, clash), CMRunPool::Join::Overlaps) << "the same run again";
+    EXPECT_EQ(pool.join({5, 14, 5}, true, clash), CMRunPool::Join::Alone) << "14..18 touches neither";
+    EXPECT_EQ(pool.join({5, 13, 7}, false, clash), CMRunPool::Join::Alone) << "no merge asked";
+    EXPECT_EQ(pool.runs(), 3u);
+    // 13..19 joins both sides: one run 10..49 in the previous one's place.
+    EXPECT_EQ(pool.join({5, 13, 7}, true, clash), CMRunPool::Join::Joined);
+    EXPECT_EQ(pool.runs(), 2u);
+    EXPECT_EQ(pool.find(5, 10), ClusterRun(5, 10, 40));
+    EXPECT_EQ(pool.head(5), ClusterRun(5, 10, 40));
+    EXPECT_EQ(pool.clusters(), 48u);
+    // Zone 5's last run does not join Zone 6's first.
+    EXPECT_EQ(pool.join({5, 50, 10}, true, clash), CMRunPool::Join::Joined);
+    EXPECT_EQ(pool.find(5, 10), ClusterRun(5, 10, 50));
+    EXPECT_EQ(pool.find(6, 0), ClusterRun(6, 0, 8));
+    EXPECT_EQ(pool.join({4, 0, 3}, true, clash), CMRunPool::Join::Alone);
+}
+
+TEST(CMRunPool, ATakenHeadLeavesItsTailInPlaceAndInTheBucketOfItsNewLength) {
+    CMRunPool pool;
+    pool.insert({2, 0, 1024});
+    pool.insert({3, 0, 1500});
+    EXPECT_EQ(pool.takeFromHead(10, 1), ClusterRun(2, 0, 1));
+    EXPECT_EQ(pool.head(9), ClusterRun(2, 1, 1023)) << "1,023 clusters: bucket 9";
+    EXPECT_EQ(pool.head(10), ClusterRun(3, 0, 1500));
+    EXPECT_EQ(pool.takeFromHead(9, 2000), ClusterRun(2, 1, 1023)) << "all of it";
+    EXPECT_TRUE(pool.empty(9));
+    pool.replace({3, 0, 1500}, {3, 0, 20000});
+    EXPECT_EQ(pool.head(11), ClusterRun(3, 0, 20000));
+    EXPECT_EQ(pool.runs(), 1u);
+    EXPECT_EQ(pool.clusters(), 20000u);
 }
 
 TEST(CMRunPool, EvictionTakesTheSmallestLowestRunOrAWholeZone) {

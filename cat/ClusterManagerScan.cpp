@@ -61,6 +61,8 @@ StatusCode ClusterManager::CreateCMThread() {
 void ClusterManager::DeleteCMThread() {
     if (!mThread) return;
     mStopping = true;
+    // With background threads disabled the thread waits, parked, until they
+    // are enabled; it takes the stop message then.
     Message m{kMsgStop, 0, 0, {0, 0}};
     msgQSend(mQueue, &m, sizeof m, WAIT_FOREVER, MSG_PRI_URGENT);
     semTake(mThreadReady, WAIT_FOREVER);  // given as the thread leaves
@@ -215,10 +217,9 @@ StatusCode ClusterManager::ScanAllClusterBitmapsInternal(bool initial, bool forc
             aborted = true;
             break;
         }
-        if (parsed || ++examined % kZonesPerYield == 0) {
-            std::lock_guard<std::mutex> g(mJobLock);
-            if (mJob && onParserThread()) mJob->schedule();
-        }
+        // The parser thread owns its job: no lock is held while it waits for
+        // its turn, so an allocator that sets its priority never waits on it.
+        if ((parsed || ++examined % kZonesPerYield == 0) && onParserThread() && mJob) mJob->schedule();
         parsed = false;
         setParserPriority(priorityForPool());
         mScanZone = z;
