@@ -582,16 +582,19 @@ StatusCode CATManager::mapSet(PostWriteElem& elem, const std::vector<Piece>& all
 
     // A never-written cluster covered in part is written whole (the host's
     // sectors and zeros) and flushed before the map names it.
+    std::set<uint32_t> flushZones;
     for (auto& [run, window] : freshPartials) {
         ++mCounters.freshPartialWrites;
         StatusCode w = ZoneManager::GetInstance()->WriteData(run.zone, cm->LocateCluster(run.firstCluster), window,
                                                              tracker);
-        if (w.ok()) w = ZoneManager::GetInstance()->FlushZone(run.zone);
         if (!w.ok()) {
             st = w;
             break;
         }
+        flushZones.insert(run.zone);
     }
+    for (uint32_t z : flushZones)
+        if (st.ok()) st = ZoneManager::GetInstance()->FlushZone(z);
     if (!st.ok()) {
         // Nothing of the set may commit: the new clusters go back, the map
         // stays as it was.
