@@ -1,6 +1,8 @@
 #pragma once
-// J1Tag: the least the start-up and pack load sequence needs for now; it
-// holds no host write tags yet.
+// J1Tag: the least the start-up, the pack load and the host path need for
+// now; it holds no host write tags yet. With no tags, J1 is always empty:
+// WaitForJ1Empty only flushes the disks' own caches, which is what makes the
+// writes acknowledged so far durable.
 #include "util/StatusCode.h"
 
 class J1Tag {
@@ -9,6 +11,10 @@ public:
     StatusCode Initialize(bool clear) { (void)clear; return StatusCode::Success; }
     StatusCode LoadDiskPack() { return StatusCode::Success; }
     StatusCode UnloadDiskPack() { return StatusCode::Success; }
+    // Flushes the write caches of every disk of the pack.
+    StatusCode FlushDisks();
+    // Waits until every journalled host write is on the disks, then flushes them.
+    StatusCode WaitForJ1Empty() { return FlushDisks(); }
 
 private:
     J1Tag() = default;
