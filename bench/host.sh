@@ -11,11 +11,13 @@
 #   bench/host.sh                 uses build-bench (what bench/run.sh builds)
 #   ESA_BIN_DIR=DIR bench/host.sh uses the programs in DIR
 #   ESA_BENCH_SECONDS=N           seconds per measurement (default 5)
+#   ESA_BENCH_LUN_MB=N            size of the measured LUNs (default 1024)
 set -u
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
 SECONDS_EACH=${ESA_BENCH_SECONDS:-5}
-LUN_BYTES=$((1 << 30))
+LUN_BYTES=$(( ${ESA_BENCH_LUN_MB:-1024} << 20 ))
 BIN=${ESA_BIN_DIR:-$ROOT/build-bench/bin}
+BIN=$(cd "$BIN" 2>/dev/null && pwd || echo "$BIN")
 if [ ! -x "$BIN/esa" ] || [ ! -x "$BIN/esa-load" ] || [ ! -x "$BIN/esa-board" ]; then
     [ -n "${ESA_BIN_DIR:-}" ] && { echo "host: no esa/esa-load/esa-board in $BIN"; exit 0; }
     cmake -S "$ROOT" -B "$ROOT/build-bench" -G Ninja -DCMAKE_BUILD_TYPE=Release -DESA_TESTS=OFF > /dev/null &&
@@ -36,6 +38,7 @@ trap cleanup EXIT
 "$BIN/esa-board" create "$WORK/board" > /dev/null || { echo "host: esa-board create failed"; exit 0; }
 (cd "$WORK" && ESA_BOARD="$WORK/board" ESA_PORTAL=127.0.0.1:0 exec "$BIN/esa" -r > "$WORK/esa.log" 2>&1) &
 ESA_PID=$!
+disown "$ESA_PID"  # ended with SIGKILL at the end; no job report for that
 for _ in $(seq 1 3000); do
     ESA_PORT=$(sed -n 's/^ESA: iSCSI target .* (port \([0-9]*\))$/\1/p' "$WORK/esa.log" 2>/dev/null)
     [ -n "$ESA_PORT" ] && break
@@ -43,7 +46,7 @@ for _ in $(seq 1 3000); do
 done
 [ -n "${ESA_PORT:-}" ] || { echo "host: esa did not start"; exit 0; }
 for _ in $(seq 1 300); do
-    "$BIN/esa-console" "$WORK/board" createLun 1g > /dev/null 2>&1 && break
+    "$BIN/esa-console" "$WORK/board" createLun $LUN_BYTES > /dev/null 2>&1 && break
     sleep 0.1
 done
 ESA_URL=iscsi://127.0.0.1:$ESA_PORT/iqn.2026-11.local.esa:array/1
