@@ -23,6 +23,10 @@ void WriteJournal::PostWriteRequest(ClientRequest*& request) {
     mReady.wait(g, [&] { return !mWrites.empty(); });
     request = mWrites.front();
     mWrites.pop_front();
+    // The write thread gets the data as a window only: the map then copies
+    // them into the host LBA cache's own blocks, so that what the cache keeps
+    // of a write never holds a host write buffer once the write is done.
+    request->store = nullptr;
 }
 
 void WriteJournal::PostWriteComplete(ClientRequest& request) {
