@@ -155,9 +155,17 @@ TEST_F(J1TagTest, AStreamWaitsForABatchInHandThatSharesItsCluster) {
     ASSERT_TRUE(tags->Coalesce(first, 0));
     hostWrite(0, 4, 8, 2);  // overlaps the batch in hand
     PostWriteElem second;
-    std::thread other([&] { ASSERT_TRUE(tags->Coalesce(second, 0)); });
+    std::atomic<bool> firstDone{false}, started{false};
+    std::thread other([&] {
+        started = true;
+        ASSERT_TRUE(tags->Coalesce(second, 0));
+        EXPECT_TRUE(firstDone) << "the newer write was taken while the older one was in hand";
+    });
     // The other write thread may not take the newer write before the older
     // one is done: it gets it only once the first batch is destroyed.
+    while (!started) std::this_thread::yield();
+    for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+    firstDone = true;
     finishSet(first);
     other.join();
     EXPECT_EQ(second.items[0].lba, 4u);
