@@ -46,9 +46,11 @@ DataWindow ZoneManager::makeZeroedWindow() {
     return window;
 }
 
+// The table lock is taken shared for the caller's transaction: a transaction
+// that holds it exclusively (one that made a Zone) reads and writes its Zones.
 StatusCode ZoneManager::ReadData(uint32_t zone, uint64_t offset, DataWindow& window, IOTracker& tracker) {
     PerfSamplerLimitForced sample(&mReadTimes, "ZM::ReadData", kSlowIOMicroseconds);
-    ExtendingLockObject::SharedLockInstance table(&ZoneTable::GetInstance()->tableLock());
+    ExtendingLockObject::SharedLockInstance table(&ZoneTable::GetInstance()->tableLock(), tracker);
     return ReadDataNoLock(zone, offset, window, tracker, nullptr);
 }
 

@@ -21,9 +21,11 @@ bool ZoneManager::ioReadOnly() const {
     return mReadOnly || mIOReadOnly.load() || SystemManager::GetInstance()->readOnly();
 }
 
+// The table lock is taken shared for the caller's transaction: a transaction
+// that holds it exclusively (one that made a Zone) reads and writes its Zones.
 StatusCode ZoneManager::WriteData(uint32_t zone, uint64_t offset, DataWindow& window, IOTracker& tracker) {
     PerfSamplerLimitForced sample(&mWriteTimes, "ZM::WriteData", kSlowIOMicroseconds);
-    ExtendingLockObject::SharedLockInstance table(&ZoneTable::GetInstance()->tableLock());
+    ExtendingLockObject::SharedLockInstance table(&ZoneTable::GetInstance()->tableLock(), tracker);
     return WriteDataNoLock(zone, offset, window, tracker, nullptr);
 }
 

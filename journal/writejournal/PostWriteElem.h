@@ -1,8 +1,19 @@
 #pragma once
-// PostWriteElem: one batch of up to 8 coalesced host write streams, handed by
-// the journal to a write thread and written through the map in one lookup,
-// one allocation and one commit. No two items of one batch share a cluster:
-// the map would otherwise name one cluster twice.
+// PostWriteElem: a batch of up to 8 host write streams that one write thread
+// takes from the host write journal and writes through the map in one go:
+// one lookup, one allocation and one map commit serve the whole batch.
+//
+// Each item is one stream: its LUN, its exact host range (first LBA and
+// length in 512-byte sectors), the host LBA cache lock on that range rounded
+// out to whole clusters (cto, taken before the batch reaches the map), the
+// request at the head of the stream and that request's transaction. No two
+// items of one batch share a cluster: the map would otherwise name one
+// cluster twice.
+//
+// The journal's own fields (first tag, total tags, each item's stream head)
+// belong to the write journal; the map reads only the items, the check-only
+// flag (rewrite in place, as replay and internal writers need) and sets the
+// allocated flag.
 #include <cstdint>
 
 class CacheTrackerObject;
@@ -15,22 +26,22 @@ struct PostWriteItem {
     uint64_t lba = 0;
     uint32_t length = 0;  // sectors
     CacheTrackerObject* cto = nullptr;
-    ClientRequest* request = nullptr;  // the stream head's
-    IOTracker* tracker = nullptr;      // the tracker of the stream's last request
-    WJTAG* head = nullptr;             // the stream, for the journal's release
+    ClientRequest* request = nullptr;  // null for an internal write-back
+    IOTracker* tracker = nullptr;
+    WJTAG* head = nullptr;  // the journal's stream, for its release
 };
 
 struct PostWriteElem {
     static constexpr uint32_t kMaxItems = 8;
 
-    uint32_t numTags = 0;       // items (streams) in use
-    bool synchronous = false;   // one-at-a-time mode: the host is answered at completion
-    bool checkOnly = false;     // the map's in-place form: keep the clusters a range has
-    bool allocated = false;     // the map allocated clusters for this batch
-    WJTAG* firstTag = nullptr;
-    uint32_t totalTags = 0;     // host writes in all streams
-    uint32_t totalLength = 0;   // sectors
-    IOTracker* tracker = nullptr;  // "IOT for this set": the last item's
+    uint32_t numTags = 0;  // items in use
+    bool synchronous = false;
+    bool checkOnly = false;  // keep the clusters a range has (in-place write)
+    bool allocated = false;  // set when clusters were allocated for it
+    WJTAG* firstTag = nullptr;  // the journal's first tag of the batch
+    uint32_t totalTags = 0;
+    uint32_t totalLength = 0;  // sectors
+    IOTracker* tracker = nullptr;  // "IOT for this set"
     void* thread = nullptr;        // the write thread working on it (diagnostics)
     PostWriteItem items[kMaxItems];
 
