@@ -89,6 +89,10 @@ public:
     bool clearDiskRequested() const { return mClearDiskRequested; }
     void setClearDiskRequested(bool on) { mClearDiskRequested = on; }
     unsigned long maxLuns() const { return mMaxLuns; }
+    // A transport came up (0) or went down (1): posted as eSysMgr.
+    void transportStateChange(int state);
+    // The LUN table changed while a pack is loaded.
+    void setLunConfigChanged() { mLunConfigChanged = true; }
     bool esxCertMode() const { return mEsxCertMode; }
     int systemState() const { return mSystemState; }
     const std::string& version() const { return mVersion; }

@@ -88,6 +88,10 @@ void SystemManager::alarmEvent(EVENT_TYPE, void* context, unsigned long, void*) 
 // Transport state changes: the standby path that answers them comes with the power Part.
 void SystemManager::doSmEvent(EVENT_TYPE, void*, unsigned long, void*) {}
 
+void SystemManager::transportStateChange(int state) {
+    mEventManager->NewEvent(eSysMgr, false, (unsigned long)(state == 0 ? 0 : 1));
+}
+
 void SystemManager::prepForPackLoad() { mJ2Manager->LoadDiskPack(); }
 
 bool SystemManager::LoadDiskPack(bool clearDisk) {

@@ -17,6 +17,7 @@
 #include "platform/board/BoardServices.h"
 #include "platform/flash/Flash.h"
 #include "platform/rtos/Rtos.h"
+#include "platform/target/TargetDriver.h"
 #include "system/FlashConfigData.h"
 #include "system/SystemManager.h"
 #include "util/Assert.h"
@@ -93,6 +94,14 @@ void handleNewBootStrap(bool clearDisk, bool debugInterface, bool redirectOutput
         else
             EventLogManager::EventLog()->PostEvent("STANDALONE: diskpack cleared at software request");
     }
+    // The board's target driver: hosts reach the LUNs over iSCSI on ESA_PORTAL.
+    IscsiTargetConfig target = IscsiTargetConfig::fromEnvironment();
+    if (TargetDriver::GetInstance().start(target).ok())
+        std::printf("ESA: iSCSI target %s listening on %s (port %u)\n", target.targetName.c_str(),
+                    target.portal.c_str(), unsigned(TargetDriver::GetInstance().port()));
+    else
+        std::printf("ESA: iSCSI target FAILED to start on %s\n", target.portal.c_str());
+    std::fflush(stdout);
     // The console answers from here on: on its socket always, and on standard
     // input when that is a terminal (or when -d asked for the debug viewer).
     ConsoleServer::GetInstance()->start(!debugInterface && ::isatty(0));

@@ -242,11 +242,19 @@ DataWindow::iterator DataWindow::end() const {
     return it;
 }
 
-void DataWindow::copyFlat(unsigned char* flat, uint32_t length, bool toWindow) const {
-    uint32_t left = std::min(length, mWindowLength);
+void DataWindow::copyFlat(unsigned char* flat, uint32_t offset, uint32_t length, bool toWindow) const {
+    if (offset >= mWindowLength) return;
+    uint32_t left = std::min(length, mWindowLength - offset);
     unsigned char* p;
     uint32_t n;
     for (iterator it = begin(p, n); it != end() && left > 0; it.GetNext(p, n)) {
+        if (offset >= n) {  // before the window offset
+            offset -= n;
+            continue;
+        }
+        p += offset;
+        n -= offset;
+        offset = 0;
         uint32_t take = std::min(n, left);
         if (toWindow) std::memcpy(p, flat, take);
         else std::memcpy(flat, p, take);
@@ -256,8 +264,7 @@ void DataWindow::copyFlat(unsigned char* flat, uint32_t length, bool toWindow) c
 }
 
 void DataWindow::Read(DataBuffer& buffer, uint32_t offset, uint32_t length) const {
-    ESA_ASSERT_OP(offset, ==, 0u);
-    copyFlat(buffer.pData, length, false);
+    copyFlat(buffer.pData, offset, length, false);
 }
 
 void DataWindow::Read(DataBlock& block) const {
@@ -266,8 +273,7 @@ void DataWindow::Read(DataBlock& block) const {
 }
 
 void DataWindow::Write(const DataBuffer& buffer, uint32_t offset, uint32_t length) {
-    ESA_ASSERT_OP(offset, ==, 0u);
-    copyFlat(buffer.pData, length, true);
+    copyFlat(buffer.pData, offset, length, true);
 }
 
 void DataWindow::Write(const DataBlock& block) {

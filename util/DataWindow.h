@@ -82,6 +82,7 @@ public:
     iterator begin(unsigned char*& pData, uint32_t& length) const;
     iterator end() const;
 
+    // Read and Write copy `length` bytes from or to the window's byte `offset`.
     void Read(DataBuffer& buffer, uint32_t offset, uint32_t length) const;
     void Read(DataBuffer& buffer) const { Read(buffer, 0, buffer.length); }
     void Read(DataBlock& block) const;
@@ -104,8 +105,8 @@ public:
 private:
     void append(DataPane* pane);
     void InitWindow(const DataWindow& other);
-    // Copies `length` bytes between the window and flat memory.
-    void copyFlat(unsigned char* flat, uint32_t length, bool toWindow) const;
+    // Copies `length` bytes between the window, from its byte `offset`, and flat memory.
+    void copyFlat(unsigned char* flat, uint32_t offset, uint32_t length, bool toWindow) const;
 
     dList<DataPane> mPanes;
     uint32_t mPaneCount = 0;

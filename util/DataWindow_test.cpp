@@ -340,3 +340,20 @@ TEST(SharedMemoryPool, BlocksLieInTheNamedRegion) {
     s->DecRef();
     EXPECT_EQ(pool.freeCount(), 4u);
 }
+
+TEST(DataWindow, ReadAndWriteAtAnOffsetReachAcrossBlocks) {
+    DataWindow w(3, 512, 0, 1536);  // three blocks of 512
+    w.ZeroInit();
+    std::vector<unsigned char> in(600, 0x5a);
+    DataBuffer src{600, in.data()};
+    w.Write(src, 500, 600);  // ends in the third block
+    std::vector<unsigned char> all(1536, 1);
+    DataBuffer dst{1536, all.data()};
+    w.Read(dst, 0, 1536);
+    for (size_t i = 0; i < all.size(); ++i) EXPECT_EQ(all[i], (i >= 500 && i < 1100) ? 0x5a : 0) << i;
+    std::vector<unsigned char> part(100, 0);
+    DataBuffer p{100, part.data()};
+    w.Read(p, 1050, 100);  // 50 bytes of data, then zeros
+    EXPECT_EQ(part[49], 0x5a);
+    EXPECT_EQ(part[50], 0);
+}

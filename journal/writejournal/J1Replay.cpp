@@ -221,6 +221,12 @@ void J1Replay::abortTag(J1ReplayTag& tag) {
     freeTagLocked(index);
 }
 
+void J1Replay::abortTag(ClientRequest& request) {
+    if (!request.tag) return;
+    abortTag(*request.tag);
+    request.tag = nullptr;
+}
+
 void J1Replay::setTagState(J1ReplayTag& tag, ReplayTagState state) {
     // Only the write threads' move goes through here; the others are made
     // by allocateTag, abortTag and flushIfNeeded under their own rules.
@@ -269,21 +275,23 @@ void J1Replay::retryHeldTags() {
     mHeld.insert(mHeld.begin(), still.begin(), still.end());
 }
 
-void J1Replay::flushIfNeeded(bool force) {
-    if (!mCache || !mNumTags) return;
+StatusCode J1Replay::flushIfNeeded(bool force) {
+    if (!mCache || !mNumTags) return StatusCode::Success;
     int64_t t = mFlushThreshold;
     int64_t executed = mExecutedSpace.load();
     if (!force) {
         int64_t uncoalesced = hooks.uncoalescedSectors ? int64_t(hooks.uncoalescedSectors()) : 0;
         if (executed < t && (mNumFree.load() >= kFewTags || (executed <= t / 5 && uncoalesced >= t / 5))) {
             ESA_TRACE(tJ1r, "J1R:flushIfNeeded: NOT FLUSHING");
-            return;
+            return StatusCode::Success;
         }
     }
-    bool expected = false;
-    if (!mFlushing.compare_exchange_strong(expected, true)) {
+    for (;;) {
+        bool expected = false;
+        if (mFlushing.compare_exchange_strong(expected, true)) break;
         ESA_TRACE(tJ1r, "J1R:flushIfNeeded: Flush already in progress in some other thread");
-        return;
+        if (!force) return StatusCode::Success;
+        taskDelay(1);
     }
     // Which tags the flush covers is decided before the flush begins: what
     // is on the executed list now was written before it. Counted, not timed,
@@ -300,7 +308,7 @@ void J1Replay::flushIfNeeded(bool force) {
         // Nothing is known to be on the medium: every tag stays.
         ESA_TRACE(tJ1rErr, "J1R:flushIfNeeded: flush failed " << status);
         mFlushing = false;
-        return;
+        return status;
     }
     mFlushes++;
     point("j1r.flush.done");
@@ -347,6 +355,7 @@ void J1Replay::flushIfNeeded(bool force) {
         mExecutedSpace = 0;
     }
     mFlushing = false;
+    return StatusCode::Success;
 }
 
 StatusCode J1Replay::writeTag(J1ReplayTag& tag) {

@@ -66,6 +66,8 @@ public:
     J1ReplayTag* allocateTag(ClientRequest& request);
     // A PENDING tag goes back to the free list (its write will never be done).
     void abortTag(J1ReplayTag& tag);
+    // The request's tag, if it has one (a write the transport could not stage).
+    void abortTag(ClientRequest& request);
     // PENDING to EXECUTED (with the flush check) and nothing else: the other
     // moves belong to this class.
     void setTagState(J1ReplayTag& tag, ReplayTagState state);
@@ -76,7 +78,10 @@ public:
     // Tries the held tags again through the in-place path.
     void retryHeldTags();
 
-    void flushIfNeeded(bool force);
+    // The status of the disks' flush when one was made (Success when none was
+    // needed). A forced flush that finds another under way waits for it and
+    // makes its own: the caller wants what it wrote before the call durable.
+    StatusCode flushIfNeeded(bool force);
     bool isClean(bool verbose) const;
     StatusCode setupTagCache(unsigned long cacheSize, unsigned long j1Size);
     void Dump(std::ostream& out) const;

@@ -255,7 +255,7 @@ WJTAG* J1Tag::SetupTag(ClientRequest& request, unsigned int transCount) {
         mDup++;
         for (WJTAG* t = exact; t;) {
             WJTAG* following = t->streamNext;
-            if (t->request && t->request->store) t->request->store->DecRef();
+            // Its hold on the data went with the cache range the new write replaced.
             ReleaseTagWithNoExecution(t);
             mNumTags--;
             t = following;
@@ -423,7 +423,6 @@ void J1Tag::Destroy(PostWriteElem& elem) {
             // shares its outcome.
             if (t->request && t->request->status == StatusCode::LastStatusCode) t->request->status = streamStatus;
             if (t->request && hooks.allocBlockCheck) hooks.allocBlockCheck(*t->request);
-            if (t->request && t->request->store) t->request->store->DecRef();
             ReleaseTag(t);
             t = following;
         }
@@ -431,7 +430,7 @@ void J1Tag::Destroy(PostWriteElem& elem) {
     semGive(mWorkerSem);  // a stream that waited for this batch may go now
 }
 
-void J1Tag::WaitForJ1Empty() {
+StatusCode J1Tag::WaitForJ1Empty() {
     uint64_t start = BoardClock::GetInstance().microseconds();
     mWaitCount = 0;
     // Also the writes that are acknowledged and not yet in the list: the
@@ -445,14 +444,15 @@ void J1Tag::WaitForJ1Empty() {
     }
     taskDelay(1);
     mReplay->retryHeldTags();
-    mReplay->flushIfNeeded(true);
+    StatusCode status = mReplay->flushIfNeeded(true);
     mWaitCount = kWaitCount;
     mWaitForEmpty.add(BoardClock::GetInstance().microseconds() - start);
+    return status;
 }
 
-void J1Tag::FlushDisks() {
+StatusCode J1Tag::FlushDisks() {
     taskDelay(1);
-    mReplay->flushIfNeeded(true);
+    return mReplay->flushIfNeeded(true);
 }
 
 void J1Tag::Stop() {

@@ -133,8 +133,10 @@ public:
     void WakeWorker(bool force);
     uint32_t numTagsAllocated() const;
 
-    void WaitForJ1Empty();
-    void FlushDisks();
+    // Both give the status of the disks' flush: a host must not be told its
+    // writes are durable when it failed.
+    StatusCode WaitForJ1Empty();
+    StatusCode FlushDisks();
     // Ends every Coalesce wait (shutdown and tests).
     void Stop();
     void Dump(std::ostream& out) const;

@@ -169,7 +169,6 @@ protected:
         req->tag = replay->allocateTag(*req);
         req->setFlag(ClientRequest::kWriteAcked);  // acknowledged from here on
         acked.push_back({lun, lba, sectors, gen});
-        req->store->IncRef();  // the journal's own hold
         EXPECT_NE(tags->SetupTag(*req, gen), nullptr);
         tags->WakeWorker(false);
         requests.push_back(std::move(req));

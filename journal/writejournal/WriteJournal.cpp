@@ -32,7 +32,7 @@ StatusCode WriteJournal::Initialize() {
     J1Replay* replay = J1Replay::GetInstance();
     replay->hooks.flushAllDrives = [] { return DiskManager::GetInstance()->FlushAllDrives(); };
     replay->hooks.writeInPlace = [](ClientRequest& request) {
-        return CATManager::GetInstance()->WriteData(request, true);
+        return CATManager::GetInstance()->LockAndWriteData(request);
     };
     replay->hooks.uncoalescedSectors = [] { return J1Tag::GetInstance()->usedCapacity() / 512; };
     replay->hooks.readOnly = [] { return SystemManager::GetInstance()->readOnly(); };
@@ -68,13 +68,16 @@ StatusCode WriteJournal::LoadDiskPack2() {
     return replay->replay(mTagCache, kReplayCacheSize, mJ1Size, DiskPackManager::GetInstance()->packId(), mJ1Start);
 }
 
+bool WriteJournal::earlyAcknowledgement() const {
+    return J1Tag::GetInstance()->loaded() && J1Replay::GetInstance()->replayDone();
+}
+
 StatusCode WriteJournal::UnloadDiskPack() {
     J1Tag::GetInstance()->WaitForJ1Empty();
     return J1Tag::GetInstance()->UnloadDiskPack();
 }
 
 void WriteJournal::dropWrite(ClientRequest& request, StatusCode why) {
-    request.store->DecRef();
     if (!request.tag) return;
     bool acknowledged = request.flags & (ClientRequest::kWriteAcked | ClientRequest::kHold);
     if (acknowledged)
@@ -85,10 +88,20 @@ void WriteJournal::dropWrite(ClientRequest& request, StatusCode why) {
 }
 
 StatusCode WriteJournal::ProcessHostWrite(ClientRequest& request, unsigned long sequence) {
-    request.store->IncRef();  // the journal's own hold, until PostWriteComplete
+    if (request.len == 0 || !request.store) {
+        // Nothing to write: done at once.
+        J1Replay::GetInstance()->abortTag(request);
+        request.status = StatusCode::Success;
+        if (J1Tag::GetInstance()->hooks.releaseRequest) J1Tag::GetInstance()->hooks.releaseRequest(request);
+        return StatusCode::Success;
+    }
+    // The journal's own hold on the data, which the cache takes over: it
+    // ends when PostWriteComplete takes the range out of the cache.
+    request.store->IncRef();
     HostLbaTracker* hlbat = HostLbaTracker::GetInstance();
     StatusCode status = hlbat->AddRange(request.lun, request.lba, request.len, request.store, request.iot);
     if (status != StatusCode::Success) {
+        request.store->DecRef();  // refused: the hold stayed ours
         ESA_CONSOLE("2. WARN: Unable to add range to cache (" << status << ") Lun: " << request.lun
                                                               << " LBA: " << request.lba << " Len: " << request.len);
         dropWrite(request, status);

@@ -32,6 +32,11 @@ public:
     bool PostWriteRequest(PostWriteElem& elem, unsigned long minSectors);
     void PostWriteComplete(PostWriteElem& elem);
 
+    // True once the journal is live (loaded and replayed): a write that has
+    // its replay tag may then be answered as soon as the journal holds it.
+    bool earlyAcknowledgement() const;
+    uint32_t queued() const { return mCount.load(); }
+
     WJMemoryPool* memoryPool() const { return mPool; }
     unsigned char* journalStart() const { return mJ1Start; }
     size_t journalSize() const { return mJ1Size; }

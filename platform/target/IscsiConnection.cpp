@@ -27,7 +27,11 @@ constexpr size_t kDirectReadThreshold = 16 * 1024;  // larger reads bypass the r
 
 IscsiConnection::IscsiConnection(IscsiTarget& target, int fd, uint64_t id)
     : mTarget(target), mBackend(target.backend()), mResponder(target.responder()), mFd(fd), mId(id),
-      mRx(kRxBufferSize), mCommandWindow(target.config().commandWindow) {}
+      mRx(kRxBufferSize), mCommandWindow(target.config().commandWindow) {
+    TargetLunTable& table = TargetLunTable::GetInstance();
+    mInventorySeen = table.inventoryGeneration();
+    for (uint32_t lun = 0; lun < TargetLunTable::kMaxLuns; ++lun) mCapacitySeen[lun] = table.capacityGeneration(lun);
+}
 
 IscsiConnection::~IscsiConnection() {
     if (mFd >= 0) ::close(mFd);

@@ -13,6 +13,7 @@
 // into a freed connection.
 #include <sys/uio.h>
 
+#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -25,6 +26,7 @@
 #include "platform/target/IscsiPdu.h"
 #include "platform/target/IscsiSessionParams.h"
 #include "platform/target/ScsiResponder.h"
+#include "platform/target/TargetLunTable.h"
 #include "platform/target/TargetBackend.h"
 
 class IscsiTarget;
@@ -121,4 +123,10 @@ private:
     std::atomic<uint32_t> mOutstanding{0};
     size_t mSubmitted = 0;
     uint32_t mNextTtt = 1;
+
+    // Unit attentions: the LUN table's change counts as this session last
+    // reported them (taken when the connection was made).
+    bool pendingUnitAttention(uint8_t opcode, uint32_t lun, scsi::Decision& out);
+    uint64_t mInventorySeen = 0;
+    std::array<uint64_t, TargetLunTable::kMaxLuns> mCapacitySeen{};
 };

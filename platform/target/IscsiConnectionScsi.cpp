@@ -43,6 +43,7 @@ bool IscsiConnection::handleScsiCommand(Pdu& pdu) {
     t.cmd.owner = &t;
     t.cmd.completion = this;
     t.decision = mResponder.decide(h.cdb(), 16, t.lun);
+    pendingUnitAttention(h.cdb()[0], t.lun, t.decision);
     const scsi::Decision& d = t.decision;
 
     using Kind = scsi::Decision::Kind;
@@ -356,4 +357,33 @@ void IscsiConnection::sendScsiResponse(Task& t, uint8_t status, const scsi::Sens
         senseData.insert(senseData.end(), s.begin(), s.end());
     }
     sendPdu(rsp, senseData.data(), uint32_t(senseData.size()), true);
+}
+
+// A change of the LUN table since this session last heard of it is reported
+// once, as a unit attention on the next command that is not INQUIRY, REPORT
+// LUNS or REQUEST SENSE; REPORT LUNS itself tells the host the new inventory,
+// so it clears that one.
+bool IscsiConnection::pendingUnitAttention(uint8_t opcode, uint32_t lun, scsi::Decision& out) {
+    TargetLunTable& table = TargetLunTable::GetInstance();
+    uint64_t inventory = table.inventoryGeneration();
+    if (opcode == scsi::kReportLuns) {
+        mInventorySeen = inventory;
+        return false;
+    }
+    if (opcode == scsi::kInquiry || opcode == scsi::kRequestSense || !table.lunPresent(lun)) return false;
+    scsi::Sense sense;
+    if (inventory != mInventorySeen) {
+        mInventorySeen = inventory;
+        sense = scsi::kReportedLunsDataChanged;
+    } else if (lun < TargetLunTable::kMaxLuns && table.capacityGeneration(lun) != mCapacitySeen[lun]) {
+        mCapacitySeen[lun] = table.capacityGeneration(lun);
+        sense = scsi::kCapacityDataChanged;
+    } else {
+        return false;
+    }
+    out = scsi::Decision{};
+    out.kind = scsi::Decision::Kind::Check;
+    out.status = scsi::kStatusCheckCondition;
+    out.sense = sense;
+    return true;
 }

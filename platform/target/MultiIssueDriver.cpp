@@ -4,6 +4,7 @@
 
 #include "platform/target/TdRing.h"
 #include "util/Assert.h"
+#include "util/WriteBuffer.h"
 
 namespace {
 // The context of a command carries its request id and the id's generation
@@ -18,13 +19,13 @@ MultiIssueDriver::MultiIssueDriver(const DriverRegions& regions, TargetBackend& 
     // One request id per command the rings can hold in both directions, and
     // one journal slot per request id.
     mRequests.resize(kRequestIds);
-    ESA_ASSERT_OP(mRegions.journalSize, >=, kRequestIds * kJournalSlotBytes);
     for (size_t i = mRequests.size(); i-- > 0;) mFreeRequests.push_back(uint32_t(i));
 }
 
 MultiIssueDriver::~MultiIssueDriver() { stop(); }
 
 void MultiIssueDriver::start() {
+    if (!mPartition) ESA_ASSERT_OP(mRegions.journalSize, >=, kRequestIds * kJournalSlotBytes);
     mStopping = false;
     mRx = std::thread([this] { responseLoop(); });
 }
@@ -48,7 +49,21 @@ uint32_t MultiIssueDriver::allocateRequest(TargetCommand& cmd) {
 
 uint8_t* MultiIssueDriver::writeBuffer(TargetCommand& cmd) {
     uint32_t id = allocateRequest(cmd);
-    return mRegions.journal + size_t(id) * kJournalSlotBytes;
+    if (!mPartition) return mRegions.journal + size_t(id) * kJournalSlotBytes;
+    uint32_t bytes = cmd.blocks * 512;
+    uint8_t* buf = bytes ? WriteBuffer::GetInstance().AllocateBuffer(bytes, true) : nullptr;
+    std::lock_guard<std::mutex> g(mLock);
+    mRequests[id].buffer = buf;
+    mRequests[id].bufferBytes = buf ? bytes : 0;
+    return buf;  // null: the target receives into its own memory, copied at submit
+}
+
+uint32_t MultiIssueDriver::partitionBuffersHeld() {
+    std::lock_guard<std::mutex> g(mLock);
+    uint32_t n = 0;
+    for (const Request& r : mRequests)
+        if (r.inUse && r.buffer && !r.posted) ++n;
+    return n;
 }
 
 bool MultiIssueDriver::flushPendingReleasesLocked() {
@@ -86,7 +101,25 @@ void MultiIssueDriver::submit(TargetCommand& cmd) {
     b.lun = uint8_t(cmd.lun);
     if (cmd.kind == TargetCommand::Kind::Write) {
         b.payloadLength = cmd.blocks * 512;
-        b.writeData = uint32_t(size_t(id) * kJournalSlotBytes);
+        if (!mPartition) {
+            b.writeData = uint32_t(size_t(id) * kJournalSlotBytes);
+        } else {
+            uint8_t* buf;
+            {
+                std::lock_guard<std::mutex> g(mLock);
+                buf = mRequests[id].buffer;
+            }
+            uint32_t bytes = cmd.blocks * 512;
+            if (buf == nullptr && bytes > 0) {
+                buf = WriteBuffer::GetInstance().AllocateBuffer(bytes, true);
+                if (buf) std::memcpy(buf, cmd.dataOut, bytes);
+            }
+            std::lock_guard<std::mutex> g(mLock);
+            mRequests[id].buffer = nullptr;  // the system's from here on
+            mRequests[id].posted = true;
+            b.writeData = buf ? uint32_t(buf - mRegions.journal) : 0;
+            if (buf == nullptr) b.payloadLength = 0;  // no buffer: the system refuses the write
+        }
     }
     Le32 magic, idWord;
     magic = kContextMagic;
@@ -152,13 +185,19 @@ void MultiIssueDriver::release(TargetCommand& cmd) {
     }
     uint32_t id = uint32_t(cmd.backendHandle - 1);
     uint32_t handle;
+    uint8_t* unposted = nullptr;
+    uint32_t unpostedBytes = 0;
     {
         std::lock_guard<std::mutex> g(mLock);
         Request& r = mRequests[id];
         handle = r.requestHandle;
+        unposted = r.buffer;
+        unpostedBytes = r.bufferBytes;
         r = Request{};
         mFreeRequests.push_back(id);
     }
+    // A write buffer that never reached the system goes back to the partition here.
+    if (unposted) WriteBuffer::GetInstance().FreeBuffer(unposted, unpostedBytes);
     cmd.backendHandle = 0;
     mFreed.notify_all();
     if (cmd.kind == TargetCommand::Kind::Read && handle != 0) {

@@ -16,10 +16,15 @@
 // Invariant: a request id (and so its journal slot) is in use from
 // writeBuffer or submit until release, and never given to two commands at once.
 // A journal slot is free again when its command ends: right for a system that
-// has taken the data out of "/SHJ1" by then (the ring responder). The
-// system's write journal keeps host data in "/SHJ1" until it is on disk, so
-// with it the slot must stay taken until the journal gives the buffer back
-// through the write-buffer board call; that give-back is not wired yet.
+// has taken the data out of "/SHJ1" by then (the ring responder).
+//
+// With the write-buffer partition (the appliance's own system behind the
+// rings), write data are received into a buffer of the partition instead of
+// a fixed slot, and the buffer passes to the system when the command is
+// posted: the system gives it back to the partition when it is done with the
+// data (which, with the host write journal, is after they are on disk). A
+// command that is never posted (the host went away first) gives its buffer
+// back at its release.
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -45,6 +50,10 @@ public:
 
     void start();
     void stop();
+    // Write data into buffers of the write-buffer partition in "/SHJ1",
+    // owned by the system once posted (call before start).
+    void useWriteBufferPartition() { mPartition = true; }
+    uint32_t partitionBuffersHeld();
 
     uint8_t* writeBuffer(TargetCommand& cmd) override;
     void submit(TargetCommand& cmd) override;
@@ -56,6 +65,9 @@ private:
         TargetCommand* cmd = nullptr;
         uint32_t requestHandle = 0;  // from the response, for the release
         bool inUse = false;
+        uint8_t* buffer = nullptr;   // partition mode: the write's buffer, ours until posted
+        uint32_t bufferBytes = 0;
+        bool posted = false;
     };
     uint32_t allocateRequest(TargetCommand& cmd);  // waits while every id is in use
     void post(const td::CommandBlock& block);
@@ -77,4 +89,5 @@ private:
     bool flushPendingReleasesLocked();
     std::thread mRx;
     std::atomic<bool> mStopping{false};
+    bool mPartition = false;
 };

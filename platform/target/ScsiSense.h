@@ -36,6 +36,8 @@ inline constexpr Sense kWriteError{kKeyMediumError, 0x0c, 0x00};
 inline constexpr Sense kInternalTargetFailure{kKeyHardwareError, 0x44, 0x00};
 inline constexpr Sense kWriteProtected{kKeyDataProtect, 0x27, 0x00};
 inline constexpr Sense kSpaceExhausted{kKeyDataProtect, 0x27, 0x07};
+inline constexpr Sense kReportedLunsDataChanged{kKeyUnitAttention, 0x3f, 0x0e};
+inline constexpr Sense kCapacityDataChanged{kKeyUnitAttention, 0x2a, 0x09};
 
 // 18 bytes of fixed-format (response code 0x70) sense data.
 std::vector<uint8_t> fixedSenseData(const Sense& sense);

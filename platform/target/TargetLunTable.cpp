@@ -1,5 +1,6 @@
 #include "platform/target/TargetLunTable.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "platform/board/BoardServices.h"
@@ -19,18 +20,32 @@ void TargetLunTable::reset() {
 }
 
 void TargetLunTable::setLunCount(uint32_t count) {
-    mLunCount.store(count > kMaxLuns ? kMaxLuns : count, std::memory_order_release);
+    uint32_t n = count > kMaxLuns ? kMaxLuns : count;
+    uint32_t old = mLunCount.exchange(n, std::memory_order_acq_rel);
+    if (old == n) return;
+    // LUNs with a last LBA between the old and the new count appear or disappear.
+    for (uint32_t lun = std::min(old, n); lun < std::max(old, n); ++lun) {
+        if (mLastLba[lun].load() != kAbsent) {
+            mInventoryGen.fetch_add(1, std::memory_order_acq_rel);
+            break;
+        }
+    }
 }
 
 StatusCode TargetLunTable::setLastLba(uint32_t lun, uint64_t lastLba) {
     if (lun >= kMaxLuns) return StatusCode::NoMoreLuns;
     if (lastLba == kAbsent) return StatusCode::BadCommand;
-    mLastLba[lun].store(lastLba, std::memory_order_release);
+    uint64_t old = mLastLba[lun].exchange(lastLba, std::memory_order_acq_rel);
+    bool counted = lun < lunCount();
+    if (old == kAbsent && counted) mInventoryGen.fetch_add(1, std::memory_order_acq_rel);
+    else if (old != kAbsent && old != lastLba) mCapacityGen[lun].fetch_add(1, std::memory_order_acq_rel);
     return StatusCode::Success;
 }
 
 void TargetLunTable::removeLun(uint32_t lun) {
-    if (lun < kMaxLuns) mLastLba[lun].store(kAbsent);
+    if (lun >= kMaxLuns) return;
+    uint64_t old = mLastLba[lun].exchange(kAbsent, std::memory_order_acq_rel);
+    if (old != kAbsent && lun < lunCount()) mInventoryGen.fetch_add(1, std::memory_order_acq_rel);
 }
 
 bool TargetLunTable::lunPresent(uint32_t lun) const { return lastLba(lun) != kAbsent; }
@@ -59,6 +74,11 @@ int TargetLunTable::applyBoardCall(unsigned number, intptr_t a0, intptr_t a1, in
     case BoardSyscall::SetLunLastLba: {
         // A 64-bit LBA travels as two 32-bit words, low first.
         uint64_t lba = uint64_t(uint32_t(a1)) | (uint64_t(uint32_t(a2)) << 32);
+        if (lba == kAbsent) {
+            if (a0 < 0 || a0 >= intptr_t(kMaxLuns)) return -1;
+            removeLun(uint32_t(a0));
+            return 0;
+        }
         return setLastLba(uint32_t(a0), lba).ok() ? 0 : -1;
     }
     case BoardSyscall::RtpEnableState:

@@ -8,6 +8,11 @@
 //
 // Invariant: a LUN at or above the LUN count is absent, whatever its last
 // LBA says; a LUN with no last LBA set is absent.
+//
+// Changes hosts must be told of are counted: the inventory generation rises
+// when a LUN appears or disappears, a LUN's capacity generation when its
+// last LBA changes. Each session compares them with what it saw last and
+// reports REPORTED LUNS DATA HAS CHANGED or CAPACITY DATA HAS CHANGED once.
 #include <array>
 #include <atomic>
 #include <cstdint>
@@ -30,6 +35,10 @@ public:
     bool lunPresent(uint32_t lun) const;
     // kAbsent for an absent LUN.
     uint64_t lastLba(uint32_t lun) const;
+    uint64_t inventoryGeneration() const { return mInventoryGen.load(std::memory_order_acquire); }
+    uint64_t capacityGeneration(uint32_t lun) const {
+        return lun < kMaxLuns ? mCapacityGen[lun].load(std::memory_order_acquire) : 0;
+    }
 
     void setTransportEnabled(bool on) { mTransportEnabled.store(on); }
     bool transportEnabled() const { return mTransportEnabled.load(); }
@@ -51,6 +60,8 @@ private:
     TargetLunTable() { reset(); }
     std::atomic<uint32_t> mLunCount{0};
     std::array<std::atomic<uint64_t>, kMaxLuns> mLastLba{};
+    std::atomic<uint64_t> mInventoryGen{0};
+    std::array<std::atomic<uint64_t>, kMaxLuns> mCapacityGen{};
     std::atomic<bool> mTransportEnabled{false};
     std::atomic<bool> mMediaOn{false};
     mutable std::mutex mLock;
