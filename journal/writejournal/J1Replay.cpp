@@ -7,6 +7,7 @@
 
 #include "host/ClientRequest.h"
 #include "management/EventLogManager.h"
+#include "platform/rtos/BoardClock.h"
 #include "platform/rtos/Rtos.h"
 #include "util/Assert.h"
 #include "util/CrashPoint.h"
@@ -249,30 +250,10 @@ void J1Replay::holdFailedTag(J1ReplayTag& tag, StatusCode why) {
     mLostWrites++;
     std::ostringstream os;
     os << "J1R: acknowledged write failed (" << why << ") Lun: " << tag.lun() << " LBA: 0x" << std::hex << tag.lba()
-       << " Len: 0x" << tag.len() << " - kept for a retry";
+       << " Len: 0x" << tag.len() << " - kept for the replay";
     postEvent(os.str());
     LockObject::ExclusiveLockInstance lock(&mExTagListLock);
     mHeld.push_back(indexOf(tag));
-}
-
-void J1Replay::retryHeldTags() {
-    std::vector<uint32_t> held;
-    {
-        LockObject::ExclusiveLockInstance lock(&mExTagListLock);
-        held.swap(mHeld);
-    }
-    std::vector<uint32_t> still;
-    for (uint32_t index : held) {
-        J1ReplayTag& t = tags()[index];
-        if (writeTag(t) == StatusCode::Success) {
-            ESA_CONSOLE("J1R: held write written again Lun: " << t.lun() << " LBA: 0x" << std::hex << t.lba());
-            setTagState(t, ReplayTagState::EXECUTED);
-        } else {
-            still.push_back(index);
-        }
-    }
-    LockObject::ExclusiveLockInstance lock(&mExTagListLock);
-    mHeld.insert(mHeld.begin(), still.begin(), still.end());
 }
 
 StatusCode J1Replay::flushIfNeeded(bool force) {
@@ -419,6 +400,7 @@ StatusCode J1Replay::replay(void* nvramBuffer, unsigned long cacheSize, unsigned
         mReplayedTags = 0;
         mReplayedSectors = 0;
         mNumTags = n;
+        const uint64_t began = BoardClock::GetInstance().microseconds();
         for (uint32_t index : live) {
             J1ReplayTag& t = tags()[index];
             writeTag(t);  // a failed write is reported there; the replay goes on
@@ -448,7 +430,7 @@ StatusCode J1Replay::replay(void* nvramBuffer, unsigned long cacheSize, unsigned
             os << " NO REPLAY NEEDED";
         else
             os << " replayed " << mReplayedTags << " tags " << mReplayedSectors << " sectors (" << mReplayedSectors * kSector
-               << " bytes)]";
+               << " bytes)] in " << BoardClock::GetInstance().microseconds() - began << " us";
         postEvent(os.str());
         mDirtyAtBoot = false;
         mReplayDone = true;
@@ -469,10 +451,6 @@ StatusCode J1Replay::replay(void* nvramBuffer, unsigned long cacheSize, unsigned
     } else {
         std::string which = (magic == 0 || magic == 0x55555555) ? "known magic [0x" : "bad magic [0x";
         postEvent("J1R:replay: " + which + hex(magic) + "] no J1 replay");
-    }
-    if (readOnly()) {
-        mReplayDone = true;
-        return StatusCode::Success;
     }
     header()->storeMagic(0);
     header()->setPackWord(0, packId.word[0]);

@@ -73,10 +73,10 @@ public:
     void setTagState(J1ReplayTag& tag, ReplayTagState state);
     // An acknowledged write that failed: the tag stays PENDING, its data stay
     // in the journal memory, the loss is posted and counted, and the next
-    // forced flush (or the next start's replay) writes it again.
+    // start's replay writes it again, in host order with the rest. (It is not
+    // tried again while hosts write: laid down out of order it could cover a
+    // newer write of the same sectors, in the cache or on the disks.)
     void holdFailedTag(J1ReplayTag& tag, StatusCode why);
-    // Tries the held tags again through the in-place path.
-    void retryHeldTags();
 
     // The status of the disks' flush when one was made (Success when none was
     // needed). A forced flush that finds another under way waits for it and

@@ -255,7 +255,10 @@ WJTAG* J1Tag::SetupTag(ClientRequest& request, unsigned int transCount) {
         mDup++;
         for (WJTAG* t = exact; t;) {
             WJTAG* following = t->streamNext;
-            // Its hold on the data went with the cache range the new write replaced.
+            // Its hold on the data went with the cache range the new write
+            // replaced; the host is told it is done: the newer write of the
+            // same sectors, now PENDING, stands for it.
+            if (t->request) t->request->status = StatusCode::Success;
             ReleaseTagWithNoExecution(t);
             mNumTags--;
             t = following;
@@ -443,7 +446,6 @@ StatusCode J1Tag::WaitForJ1Empty() {
         taskDelay(1);
     }
     taskDelay(1);
-    mReplay->retryHeldTags();
     StatusCode status = mReplay->flushIfNeeded(true);
     mWaitCount = kWaitCount;
     mWaitForEmpty.add(BoardClock::GetInstance().microseconds() - start);

@@ -11,6 +11,7 @@
 #include "system/SystemManager.h"
 #include "system/nvram.h"
 #include "util/DataStore.h"
+#include "util/IOTracker.h"
 #include "util/Trace.h"
 #include "util/WJMemoryPool.h"
 #include "util/WriteBuffer.h"
@@ -32,7 +33,13 @@ StatusCode WriteJournal::Initialize() {
     J1Replay* replay = J1Replay::GetInstance();
     replay->hooks.flushAllDrives = [] { return DiskManager::GetInstance()->FlushAllDrives(); };
     replay->hooks.writeInPlace = [](ClientRequest& request) {
-        return CATManager::GetInstance()->LockAndWriteData(request);
+        StatusCode status = CATManager::GetInstance()->LockAndWriteData(request);
+        // Nothing of the journal memory may stay in the cache: it is reused
+        // once the replay is done. Nothing else writes while the replay runs,
+        // so a transaction newer than the cached range removes it.
+        request.newTransaction(READ_ONLY);
+        HostLbaTracker::GetInstance()->InvalidateRange(request.lun, request.lba, request.len, request.iot);
+        return status;
     };
     replay->hooks.uncoalescedSectors = [] { return J1Tag::GetInstance()->usedCapacity() / 512; };
     replay->hooks.readOnly = [] { return SystemManager::GetInstance()->readOnly(); };
@@ -58,14 +65,21 @@ StatusCode WriteJournal::LoadDiskPack() {
     J1Tag* tags = J1Tag::GetInstance();
     tags->resetTagCache(header, _wjtagheader::kMaxTags);
     tags->setPackId(DiskPackManager::GetInstance()->packId());
-    mCount = 0;
     return StatusCode::Success;
 }
 
 StatusCode WriteJournal::LoadDiskPack2() {
     J1Replay* replay = J1Replay::GetInstance();
     if (replay->replayDone()) return StatusCode::Success;  // a later load in this boot: the journal is live
-    return replay->replay(mTagCache, kReplayCacheSize, mJ1Size, DiskPackManager::GetInstance()->packId(), mJ1Start);
+    StatusCode status =
+        replay->replay(mTagCache, kReplayCacheSize, mJ1Size, DiskPackManager::GetInstance()->packId(), mJ1Start);
+    // Once the replayed writes are on the disks and the journal is empty, the
+    // write buffers of the previous run (replayed, or cut before they had a
+    // tag) are garbage. No LUN is served before this step of the load, so no
+    // host write holds a buffer yet.
+    if (status == StatusCode::Success && replay->isClean(false) && WriteBuffer::GetInstance().started())
+        WriteBuffer::GetInstance().Reformat();
+    return status;
 }
 
 bool WriteJournal::earlyAcknowledgement() const {
@@ -107,36 +121,43 @@ StatusCode WriteJournal::ProcessHostWrite(ClientRequest& request, unsigned long 
         dropWrite(request, status);
         return status;
     }
+    // The cache ages what it holds: the range just added carries an id newer
+    // than this request's transaction, so the request's removal of it after
+    // the write would leave it in place (and the journal memory under it in
+    // use). A new transaction here is newer than the range and older than the
+    // range of any later host write, which this thread adds after it.
+    request.newTransaction(READ_WRITE);
     if (!J1Tag::GetInstance()->SetupTag(request, uint32_t(sequence))) {
         hlbat->InvalidateRange(request.lun, request.lba, request.len, request.iot);
         dropWrite(request, StatusCode::J1_NoTags);
         return StatusCode::J1_NoTags;
     }
-    mCount++;
     J1Tag::GetInstance()->WakeWorker(false);
     return StatusCode::Success;
 }
 
 bool WriteJournal::PostWriteRequest(PostWriteElem& elem, unsigned long minSectors) {
-    if (!J1Tag::GetInstance()->Coalesce(elem, minSectors)) return false;
-    mCount -= elem.totalTags;
-    return true;
+    return J1Tag::GetInstance()->Coalesce(elem, minSectors);
 }
 
 void WriteJournal::PostWriteComplete(PostWriteElem& elem) {
     HostLbaTracker* hlbat = HostLbaTracker::GetInstance();
-    for (uint32_t i = 0; i < elem.numTags; ++i) {
-        PostWriteItem& item = elem.items[i];
-        IOTracker& tracker = item.tracker ? *item.tracker : item.request->iot;
-        StatusCode status = hlbat->InvalidateRange(item.lun, item.lba, item.length, tracker);
-        if (status != StatusCode::Success)
-            ESA_TRACE(tWj, "PostWriteComplete: invalidate failed " << status << " lun " << item.lun << " lba " << item.lba);
-    }
+    // Each write of a stream leaves the cache under its own transaction: a
+    // newer write of some of the same sectors, added later, stays.
+    for (uint32_t i = 0; i < elem.numTags; ++i)
+        for (WJTAG* t = elem.items[i].head; t; t = t->streamNext) {
+            if (!t->request) continue;
+            StatusCode status = hlbat->InvalidateRange(t->lun, t->lba, t->length, t->request->iot);
+            if (status != StatusCode::Success)
+                ESA_TRACE(tWj, "PostWriteComplete: invalidate failed " << status << " lun " << t->lun << " lba " << t->lba);
+        }
     J1Tag::GetInstance()->Destroy(elem);
 }
 
+uint32_t WriteJournal::queued() const { return J1Tag::GetInstance()->numTags(); }
+
 void WriteJournal::Dump(std::ostream& out) const {
-    out << "WriteJournal: uncoalesced " << mCount.load() << " synchronous " << mSynchronous << " /SHJ1 0x" << std::hex
+    out << "WriteJournal: uncoalesced " << queued() << " synchronous " << mSynchronous << " /SHJ1 0x" << std::hex
         << uintptr_t(mJ1Start) << " size 0x" << mJ1Size << std::dec << "\n";
     J1Tag::GetInstance()->Dump(out);
     J1Replay::GetInstance()->Dump(out);

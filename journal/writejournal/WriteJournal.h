@@ -35,12 +35,11 @@ public:
     // True once the journal is live (loaded and replayed): a write that has
     // its replay tag may then be answered as soon as the journal holds it.
     bool earlyAcknowledgement() const;
-    uint32_t queued() const { return mCount.load(); }
+    uint32_t queued() const;
 
     WJMemoryPool* memoryPool() const { return mPool; }
     unsigned char* journalStart() const { return mJ1Start; }
     size_t journalSize() const { return mJ1Size; }
-    uint32_t uncoalesced() const { return mCount.load(); }
     void Dump(std::ostream& out) const;
 
 private:
@@ -48,7 +47,6 @@ private:
     // A request that will not reach the disks through the list.
     void dropWrite(ClientRequest& request, StatusCode why);
 
-    std::atomic<uint32_t> mCount{0};  // writes not yet coalesced
     bool mSynchronous = false;        // reserved, always false
     WJMemoryPool* mPool = nullptr;
     unsigned char* mJ1Start = nullptr;
