@@ -3,6 +3,7 @@
 // time, with one write thread; and cuts inside the replay that follows. After
 // each, the next start replays and every acknowledged sector holds its newest
 // acknowledged data; the journal then starts empty.
+#include <functional>
 #include <map>
 
 #include "journal/writejournal/J1TestHarness.h"
@@ -10,21 +11,32 @@
 namespace {
 // Counts the points passed and cuts the power at the N-th.
 struct Cutter {
-    explicit Cutter(int n) : cutAt(n) {
+    explicit Cutter(int n) : target(n) {
         J1Replay::setCutHook([this](const char* point) {
-            if (count++ == cutAt) {
+            if (count++ == target) {
                 where = point;
                 throw J1PowerCut();
             }
-            reached[point]++;
         });
     }
     ~Cutter() { J1Replay::setCutHook(nullptr); }
-    int cutAt;
+    int target;
     int count = 0;
     std::string where;
-    std::map<std::string, int> reached;
 };
+
+// Runs `work` with the power cut at the n-th point; true when it was cut
+// (and where, if asked).
+bool cutAt(int n, const std::function<void()>& work, std::string* where = nullptr) {
+    Cutter cutter(n);
+    try {
+        work();
+    } catch (const J1PowerCut&) {
+        if (where) *where = cutter.where;
+        return true;
+    }
+    return false;
+}
 }  // namespace
 
 class J1CutSweep : public J1Harness {
@@ -74,18 +86,8 @@ TEST_F(J1CutSweep, ACutAtEveryTagStoreLosesNoAcknowledgedWrite) {
     for (;; ++n) {
         fresh();
         disk.rng.seed(n);
-        bool cut = false;
         std::string where;
-        {
-            Cutter cutter(n);
-            try {
-                workload();
-            } catch (const J1PowerCut&) {
-                cut = true;
-                where = cutter.where;
-            }
-        }
-        if (!cut) break;
+        if (!cutAt(n, [&] { workload(); }, &where)) break;
         pointsCut[where]++;
         restartAndCheck("cut at point " + std::to_string(n) + " (" + where + ")");
     }
@@ -101,27 +103,9 @@ TEST_F(J1CutSweep, ACutInsideTheReplayIsRepairedByTheNextReplay) {
         for (int m = 0;; ++m) {
             fresh();
             disk.rng.seed(n * 100 + m);
-            bool cut = false;
-            {
-                Cutter cutter(n);
-                try {
-                    workload();
-                } catch (const J1PowerCut&) {
-                    cut = true;
-                }
-            }
-            if (!cut) break;
+            if (!cutAt(n, [&] { workload(); })) break;
             powerCut();
-            bool cutAgain = false;
-            {
-                Cutter inReplay(m);
-                try {
-                    start();
-                } catch (const J1PowerCut&) {
-                    cutAgain = true;
-                }
-            }
-            if (!cutAgain) {
+            if (!cutAt(m, [&] { start(); })) {
                 expectNothingLost("no second cut");
                 break;
             }
