@@ -45,14 +45,15 @@ start_esa() {
 start_esa env ESA_CRASH_AT=j1r.flush.begin:1
 [ -n "$PORT" ] || { echo "j1: esa did not start"; exit 0; }
 URL="iscsi://127.0.0.1:$PORT/iqn.2026-11.local.esa:array/0"
-for _ in $(seq 1 200); do
-    "$BIN/esa-load" "$URL" --pattern rand --rw write --bs 4k --qd 32 --seconds 60 --range $((1 << 30)) \
-        > "$WORK/load.log" 2>&1
-    kill -0 "$ESA_PID" 2>/dev/null || break
-    sleep 0.05
-done
+# The load runs until the power goes (esa-load would try to reconnect: it
+# is stopped once esa has ended).
+"$BIN/esa-load" "$URL" --pattern rand --rw write --bs 4k --qd 32 --seconds 120 --range $((1 << 30)) \
+    > "$WORK/load.log" 2>&1 &
+LOAD_PID=$!
 wait "$ESA_PID" 2>/dev/null
 ESA_PID=
+kill -9 "$LOAD_PID" 2>/dev/null
+wait "$LOAD_PID" 2>/dev/null
 
 start_esa
 LINE=$(grep -o "J1R::replay GOOD sig.*" "$WORK/esa.log" | head -1)
@@ -66,20 +67,33 @@ fi
 kill -9 "$ESA_PID" 2>/dev/null; wait "$ESA_PID" 2>/dev/null; ESA_PID=
 
 # The reference: the same bytes read from the disk images, 4 KiB at random
-# places, bypassing the page cache.
+# places where they hold data, bypassing the page cache.
 REF_US=$(python3 - "$BOARD/slots" "$BYTES" <<'PY'
 import mmap, os, random, sys, time
 slots, total = sys.argv[1], int(sys.argv[2])
 imgs = [os.path.join(slots, f) for f in sorted(os.listdir(slots)) if f.endswith(".img")]
+# Only where the images hold data: a sparse hole reads without any I/O.
+blocks = []
+for k, p in enumerate(imgs):
+    fd = os.open(p, os.O_RDONLY)
+    size, pos = os.fstat(fd).st_size, 0
+    while pos < size:
+        try:
+            start = os.lseek(fd, pos, os.SEEK_DATA)
+        except OSError:
+            break
+        end = os.lseek(fd, start, os.SEEK_HOLE)
+        blocks += [(k, b) for b in range(start // 4096, end // 4096)]
+        pos = end
+    os.close(fd)
 fds = [os.open(p, os.O_RDONLY | os.O_DIRECT) for p in imgs]
-sizes = [os.fstat(fd).st_size // 4096 for fd in fds]
 buf = mmap.mmap(-1, 4096)
 r = random.Random(1)
 n = max(1, total // 4096)
+picks = [blocks[r.randrange(len(blocks))] for _ in range(n)]
 t = time.perf_counter()
-for i in range(n):
-    k = i % len(fds)
-    os.preadv(fds[k], [buf], r.randrange(sizes[k]) * 4096)
+for k, b in picks:
+    os.preadv(fds[k], [buf], b * 4096)
 print(int((time.perf_counter() - t) * 1e6))
 PY
 )
