@@ -29,6 +29,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/BenchPack.h"
 #include "disk/DiskManager.h"
 #include "disk/DiskPackManager.h"
 #include "platform/board/Board.h"
@@ -143,34 +144,11 @@ double randomWrites(uint32_t zone, bool zoneSide, int ops) {
 }  // namespace
 
 int main() {
-    char tmpl[] = "/tmp/esa-zone-bench-XXXXXX";
-    fs::path dir = ::mkdtemp(tmpl);
-    Board::createDefault(dir);
-    for (int s = 0; s < kDisks; ++s) {
-        std::string err;
-        if (!SimDisk::create(dir / "slots" / std::to_string(s), kDiskSectors, {}, err)) {
-            std::fprintf(stderr, "zone_bench: %s\n", err.c_str());
-            return 1;
-        }
-    }
-    ::setenv("ESA_BOARD", dir.c_str(), 1);
-    Board::GetInstance().open(dir);
-    taskRegisterSelf("tBench", 120);
-    StatusCode st = DiskManager::GetInstance()->Initialize();
-    if (st.ok()) st = DiskManager::GetInstance()->LoadDiskPack(false);
-    if (!st.ok()) fail("disks", st);
-    RegionManager* rm = RegionManager::GetInstance();
-    if (!(st = rm->Initialize()).ok()) fail("Region layer", st);
-    // A new pack on the blank disks, made by the pack layer; the rest of the
-    // system's load is not needed for Zone I/O.
-    DiskPackManager* dpm = DiskPackManager::GetInstance();
-    dpm->setSecondStageForTest([] {
-        DiskPackManager::GetInstance()->diskPackLoadStatus(StatusCode::Success);
-        return true;
-    });
-    if (!(st = dpm->doColdStart(true)).ok()) fail("new pack", st);
-    if (!(st = rm->LoadDiskPack()).ok()) fail("Region pack load", st);
-    if (!(st = ZoneManager::GetInstance()->LoadDiskPack()).ok()) fail("Zone table load", st);
+    fs::path dir = benchpack::makeBoard("zone-bench", kDisks, kDiskSectors);
+    const char* what = nullptr;
+    StatusCode st = benchpack::startDisks(what);
+    if (st.ok()) st = benchpack::makePack(what);
+    if (!st.ok()) fail(what, st);
 
     const std::vector<uint16_t> disks = ZoneDataCheck::presentDisks();
     uint32_t mirrored = 0, hstripe = 0, drstripe = 0;

@@ -24,8 +24,9 @@ void CacheRangeTracker::placeNewRange(uint32_t set, uint64_t start, uint32_t len
 StatusCode CacheRangeTracker::ModifyRange(uint32_t set, uint64_t start, uint32_t length,
                                           CacheRangeObject*& iterator, DataStore* store, bool addNew,
                                           IOTracker& tracker) {
-    // `tracker`'s id is the age of the change; for AddRange it is a fresh id
-    // carried by a private tracker, so every CRO passes the test.
+    // `tracker`'s id is the age of the change. AddRange installs the newest
+    // data there are, so every CRO gives way to it, even one a transaction
+    // that began after the call made while this one waited for a lock.
     const uint64_t end = start + length;
     const uint64_t id = tracker.getID();
     CacheRangeObject* cro = iterator;
@@ -35,7 +36,7 @@ StatusCode CacheRangeTracker::ModifyRange(uint32_t set, uint64_t start, uint32_t
             cro = next;
             continue;
         }
-        if (!ageOk(id, cro->mCreatingId)) {
+        if (!addNew && !ageOk(id, cro->mCreatingId)) {
             // It holds newer data than this transaction knows: leave it.
             cro = next;
             continue;

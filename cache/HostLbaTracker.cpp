@@ -21,8 +21,14 @@ HostLbaTracker* HostLbaTracker::GetInstance() {
     return instance;
 }
 
+// A LUN past the map's table is refused here. The end of a LUN is not: the
+// map checks each stream of a batch against it (CATM_LBAOutOfRange), so that
+// one stream past the end fails alone instead of failing the batch's
+// all-or-none lock.
 StatusCode HostLbaTracker::IsSetAndRangeValid(uint32_t set, uint64_t start, uint32_t length) {
     if (set >= kMaxLuns) return StatusCode::CACHE_InvalidSet;
+    CATLookupTable* clt = CATLookupTable::GetInstance();
+    if (clt->loaded() && set >= clt->maxLuns()) return StatusCode::CACHE_InvalidSet;
     return CacheRangeTracker::IsSetAndRangeValid(set, start, length);
 }
 

@@ -76,8 +76,10 @@ TEST(CacheConsole, StatePerfAndDumpSectorsReachTheCaches) {
     EXPECT_NE(ConsoleCommand::ExecuteLine("dumpSectors nosuch 0 0", out), 0);
     EXPECT_NE(out.str().find("usage: dumpSectors"), std::string::npos);
     out.str("");
-    EXPECT_EQ(ConsoleCommand::ExecuteLine("dumpSectors hlbat 1 0 1", out), 0);
-    EXPECT_NE(out.str().find("00000000:"), std::string::npos);
+    // The host cache reads through the LUN map: with no pack loaded, there
+    // is no LUN to read.
+    EXPECT_NE(ConsoleCommand::ExecuteLine("dumpSectors hlbat 1 0 1", out), 0);
+    EXPECT_EQ(out.str().find("00000000:"), std::string::npos);
     out.str("");
     EXPECT_EQ(ConsoleCommand::ExecuteLine("cacheFlush hlbat", out), 0);
     EXPECT_NE(out.str().find("HLBAT flushed"), std::string::npos);

@@ -259,6 +259,17 @@ StatusCode CATManager::WriteData(PostWriteElem& elem) {
 }
 
 StatusCode CATManager::WriteBackRangeMultiple(PostWriteElem& elem) {
+    // Every item's lock must cover its range rounded out to whole clusters:
+    // the placed runs index its window by cluster.
+    for (uint32_t i = 0; i < elem.numTags; ++i) {
+        const PostWriteItem& it = elem.items[i];
+        if (it.cto && (it.cto->mStart != HostLbaTracker::roundedStart(it.lba) ||
+                       it.cto->mLen != HostLbaTracker::roundedLength(it.lba, it.length))) {
+            ESA_CONSOLE("CATManager: a write-back whose lock is not whole clusters (LBA 0x"
+                        << std::hex << it.lba << std::dec << " +" << it.length << ")");
+            return StatusCode::BadIOLength;
+        }
+    }
     std::vector<PlacedRun> runs;
     runs.reserve(64);
     uint32_t numAllocated = 0;

@@ -8,6 +8,7 @@
 #include "cat/ClusterManager.h"
 #include "cat/LunPattern.h"
 #include "host/ClientRequest.h"
+#include "journal/writejournal/PostWriteElem.h"
 #include "util/ConsoleCommand.h"
 #include "util/DebugClass.h"
 #include "util/ManagerRegistry.h"
@@ -107,6 +108,62 @@ int lunWrite(int argc, char** argv, std::ostream& out) {
         done += n;
     }
     out << "lunWrite: LUN " << lun << " " << sectors << " sectors written\n";
+    return 0;
+}
+
+// lunWriteBatch LUN SEED LBA:SECTORS...: up to 8 streams written as one
+// batch (one lookup, one allocation and one commit where they fit), as a
+// write thread hands them to the map; each stream's status is printed.
+int lunWriteBatch(int argc, char** argv, std::ostream& out) {
+    uint64_t lun = 0, seed = 0;
+    if (argc < 4 || argc > 3 + int(PostWriteElem::kMaxItems) || !num(argv[1], lun, out, "LUN") ||
+        !num(argv[2], seed, out, "seed")) {
+        out << "usage: lunWriteBatch LUN SEED LBA:SECTORS [LBA:SECTORS...]   (up to 8 streams in one batch)\n";
+        return -1;
+    }
+    if (!ready(out)) return -1;
+    HostLbaTracker* h = HostLbaTracker::GetInstance();
+    PostWriteElem elem;
+    ClientRequest requests[PostWriteElem::kMaxItems];
+    IOTracker tracker(READ_WRITE);
+    elem.tracker = &tracker;
+    elem.synchronous = true;
+    for (int i = 3; i < argc; ++i) {
+        const std::string arg = argv[i];
+        const size_t colon = arg.find(':');
+        uint64_t lba = 0, sectors = 0;
+        if (colon == std::string::npos || !num(arg.substr(0, colon).c_str(), lba, out, "LBA") ||
+            !sectorsOf(arg.substr(colon + 1).c_str(), sectors, out) || sectors > 0x10000) {
+            out << "bad stream '" << arg << "'\n";
+            return -1;
+        }
+        ClientRequest& r = requests[elem.numTags];
+        r.lun = uint32_t(lun);
+        r.lba = lba;
+        r.len = uint32_t(sectors);
+        r.status = StatusCode::Success;
+        DataStore* store = h->pool().GetBlocks((r.len * 512 + HostLbaTracker::kBlockSize - 1) / HostLbaTracker::kBlockSize);
+        {
+            DataWindow w(*store, 0, r.len * 512);
+            LunPattern::fill(w, uint32_t(seed), lba, r.len);
+        }
+        StatusCode st = h->AddRange(r.lun, lba, r.len, store, tracker);
+        if (!st.ok()) {
+            store->DecRef();
+            out << "stream " << elem.numTags << ": " << st << "\n";
+            return -1;
+        }
+        elem.items[elem.numTags] = PostWriteItem{r.lun, lba, r.len, nullptr, &r, &tracker};
+        elem.totalLength += r.len;
+        ++elem.numTags;
+    }
+    StatusCode st = h->LockRangeMultiple(elem, tracker);
+    if (st.ok()) st = catm()->WriteData(elem);
+    tracker.commitIfDirty();
+    for (uint32_t i = 0; i < elem.numTags; ++i)
+        out << "stream " << i << " LBA 0x" << std::hex << requests[i].lba << std::dec << " +" << requests[i].len
+            << ": " << requests[i].status << "\n";
+    out << "lunWriteBatch: " << st << "\n";
     return 0;
 }
 
@@ -299,6 +356,8 @@ int cltReclaim(int argc, char** argv, std::ostream& out) {
 ConsoleCommand cCltCreateLun("cltCreateLun", "Creates a LUN in the CAT lookup table (diagnostics)", cltCreateLun);
 ConsoleCommand cReportLuns("reportLuns", "report configured LUNs", reportLuns);
 ConsoleCommand cLunWrite("lunWrite", "Writes a seeded pattern to a LUN's host LBAs through the map", lunWrite);
+ConsoleCommand cLunWriteBatch("lunWriteBatch", "Writes up to 8 streams of a seeded pattern as one batch through the map",
+                              lunWriteBatch);
 ConsoleCommand cLunVerify("lunVerify", "Reads a LUN's host LBAs through the map and checks a seeded pattern",
                           lunVerify);
 ConsoleCommand cMetacheck("metacheck",

@@ -39,6 +39,8 @@ uint32_t areaCrc(const uint8_t* area) {
 
 StatusCode CATManager::Initialize() {
     clt().Initialize(3, "CATLooku");
+    // Entry arrays of the write threads, the read threads and the checks.
+    WriteCATEntries::Initialize(24);
     DebugClass::GetInstance()->registerChecks(
         "CATManager", [this](std::ostream& out) { return internalConsistencyCheck(out).ok(); },
         [this](std::ostream& out) { return externalConsistencyCheck(out).ok(); });

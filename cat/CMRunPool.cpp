@@ -6,10 +6,8 @@
 
 CMRunPool::CMRunPool()
     : mIndex(&mNodes),
-      mBuckets{std::pmr::set<uint64_t>(&mNodes), std::pmr::set<uint64_t>(&mNodes), std::pmr::set<uint64_t>(&mNodes),
-               std::pmr::set<uint64_t>(&mNodes), std::pmr::set<uint64_t>(&mNodes), std::pmr::set<uint64_t>(&mNodes),
-               std::pmr::set<uint64_t>(&mNodes), std::pmr::set<uint64_t>(&mNodes), std::pmr::set<uint64_t>(&mNodes),
-               std::pmr::set<uint64_t>(&mNodes), std::pmr::set<uint64_t>(&mNodes), std::pmr::set<uint64_t>(&mNodes)} {}
+      mBuckets{RunMap(&mNodes), RunMap(&mNodes), RunMap(&mNodes), RunMap(&mNodes), RunMap(&mNodes), RunMap(&mNodes),
+               RunMap(&mNodes), RunMap(&mNodes), RunMap(&mNodes), RunMap(&mNodes), RunMap(&mNodes), RunMap(&mNodes)} {}
 
 unsigned CMRunPool::BucketFor(uint32_t length) {
     ESA_ASSERT_OP(length, >, 0u);
@@ -25,8 +23,76 @@ void CMRunPool::clear() {
 }
 
 ClusterRun CMRunPool::head(unsigned bucket) const {
-    const uint64_t k = *mBuckets[bucket].begin();
-    return runOf(k, mIndex.find(k)->second);
+    const auto& h = *mBuckets[bucket].begin();
+    return runOf(h.first, h.second);
+}
+
+void CMRunPool::rekey(RunMap& map, RunMap::iterator it, uint64_t k, uint32_t length) {
+    auto hint = std::next(it);
+    auto node = map.extract(it);
+    node.key() = k;
+    node.mapped() = length;
+    map.insert(hint, std::move(node));
+}
+
+void CMRunPool::replace(const ClusterRun& old, const ClusterRun& now) {
+    auto it = mIndex.find(key(old.zone, old.firstCluster));
+    ESA_ASSERT(it != mIndex.end() && it->second == old.numberOfClusters);
+    replaceAt(it, it, false, now);
+}
+
+void CMRunPool::replaceAt(RunMap::iterator indexIt, RunMap::iterator bucketIt, bool bucketKnown,
+                          const ClusterRun& now) {
+    const uint64_t ok = indexIt->first, nk = key(now.zone, now.firstCluster);
+    const uint32_t oldLength = indexIt->second;
+    const unsigned ob = BucketFor(oldLength), nb = BucketFor(now.numberOfClusters);
+    if (!bucketKnown) bucketIt = mBuckets[ob].find(ok);
+    rekey(mIndex, indexIt, nk, now.numberOfClusters);
+    if (ob == nb) {
+        rekey(mBuckets[ob], bucketIt, nk, now.numberOfClusters);
+    } else {
+        mBuckets[ob].erase(bucketIt);
+        mBuckets[nb].emplace(nk, now.numberOfClusters);
+    }
+    mClusters = mClusters - oldLength + now.numberOfClusters;
+}
+
+ClusterRun CMRunPool::takeFromHead(unsigned bucket, uint32_t take) {
+    const ClusterRun run = head(bucket);
+    if (take >= run.numberOfClusters) return popHead(bucket);
+    replaceAt(mIndex.find(key(run.zone, run.firstCluster)), mBuckets[bucket].begin(), true,
+              ClusterRun(run.zone, run.firstCluster + take, run.numberOfClusters - take));
+    return ClusterRun(run.zone, run.firstCluster, take);
+}
+
+CMRunPool::Join CMRunPool::join(const ClusterRun& run, bool merge, ClusterRun& clash) {
+    // One lookup: the first run at or after the new one, and the one before.
+    auto next = mIndex.lower_bound(key(run.zone, run.firstCluster));
+    auto prev = next == mIndex.begin() ? mIndex.end() : std::prev(next);
+    const bool hasNext = next != mIndex.end() && uint32_t(next->first >> 32) == run.zone;
+    const bool hasPrev = prev != mIndex.end() && uint32_t(prev->first >> 32) == run.zone;
+    const uint64_t prevEnd = hasPrev ? uint64_t(uint32_t(prev->first)) + prev->second : 0;
+    const uint64_t nextFirst = hasNext ? uint32_t(next->first) : 0;
+    if (hasPrev && prevEnd > run.firstCluster) {
+        clash = runOf(prev->first, prev->second);
+        return Join::Overlaps;
+    }
+    if (hasNext && nextFirst < uint64_t(run.firstCluster) + run.numberOfClusters) {
+        clash = runOf(next->first, next->second);
+        return Join::Overlaps;
+    }
+    const bool joinPrev = merge && hasPrev && prevEnd == run.firstCluster;
+    const bool joinNext = merge && hasNext && nextFirst == uint64_t(run.firstCluster) + run.numberOfClusters;
+    if (!joinPrev && !joinNext) return Join::Alone;
+    ClusterRun joined = run;
+    if (joinPrev) {
+        joined.firstCluster = uint32_t(prev->first);
+        joined.numberOfClusters += prev->second;
+    }
+    if (joinNext) joined.numberOfClusters += next->second;
+    if (joinPrev && joinNext) erase(runOf(next->first, next->second));
+    replaceAt(joinPrev ? prev : next, prev, false, joined);
+    return Join::Joined;
 }
 
 unsigned CMRunPool::insert(const ClusterRun& run) {
@@ -34,7 +100,7 @@ unsigned CMRunPool::insert(const ClusterRun& run) {
     const unsigned b = BucketFor(run.numberOfClusters);
     const bool added = mIndex.emplace(k, run.numberOfClusters).second;
     ESA_ASSERT(added);
-    mBuckets[b].insert(k);
+    mBuckets[b].emplace(k, run.numberOfClusters);
     ++mRuns;
     mClusters += run.numberOfClusters;
     return b;
@@ -52,11 +118,9 @@ void CMRunPool::erase(const ClusterRun& run) {
 
 ClusterRun CMRunPool::popHead(unsigned bucket) {
     auto& b = mBuckets[bucket];
-    const uint64_t k = *b.begin();
+    const ClusterRun run = runOf(b.begin()->first, b.begin()->second);
     b.erase(b.begin());
-    auto it = mIndex.find(k);
-    const ClusterRun run = runOf(k, it->second);
-    mIndex.erase(it);
+    mIndex.erase(key(run.zone, run.firstCluster));
     --mRuns;
     mClusters -= run.numberOfClusters;
     return run;
@@ -66,30 +130,6 @@ std::optional<ClusterRun> CMRunPool::find(uint32_t zone, uint32_t first) const {
     auto it = mIndex.find(key(zone, first));
     if (it == mIndex.end()) return std::nullopt;
     return runOf(it->first, it->second);
-}
-
-std::optional<ClusterRun> CMRunPool::endingAt(uint32_t zone, uint32_t first) const {
-    auto it = mIndex.lower_bound(key(zone, first));
-    if (it == mIndex.begin()) return std::nullopt;
-    --it;
-    const ClusterRun prev = runOf(it->first, it->second);
-    if (prev.zone != zone || uint64_t(prev.firstCluster) + prev.numberOfClusters != first) return std::nullopt;
-    return prev;
-}
-
-std::optional<ClusterRun> CMRunPool::overlapping(const ClusterRun& run) const {
-    // The run at or before its first cluster, and the first one after it.
-    auto it = mIndex.upper_bound(key(run.zone, run.firstCluster));
-    if (it != mIndex.begin()) {
-        auto prev = std::prev(it);
-        const ClusterRun p = runOf(prev->first, prev->second);
-        if (p.zone == run.zone && uint64_t(p.firstCluster) + p.numberOfClusters > run.firstCluster) return p;
-    }
-    if (it != mIndex.end()) {
-        const ClusterRun n = runOf(it->first, it->second);
-        if (n.zone == run.zone && n.firstCluster < uint64_t(run.firstCluster) + run.numberOfClusters) return n;
-    }
-    return std::nullopt;
 }
 
 bool CMRunPool::evictSmallest(ClusterRun& evicted) {

@@ -18,7 +18,6 @@
 #include <map>
 #include <memory_resource>
 #include <optional>
-#include <set>
 
 #include "cat/ClusterRun.h"
 
@@ -51,14 +50,24 @@ public:
     void erase(const ClusterRun& run);
     ClusterRun popHead(unsigned bucket);
 
+    // Takes `take` clusters from the front of the bucket's head run: the rest
+    // stays pooled in its place (and in the bucket its length now chooses).
+    // Returns the clusters taken (at most the run's length).
+    ClusterRun takeFromHead(unsigned bucket, uint32_t take);
+    // Replaces a pooled run by one that keeps its place in (zone, first)
+    // order: no other pooled run lies between the two.
+    void replace(const ClusterRun& old, const ClusterRun& now);
+
+    // A free run put next to its pooled neighbours: Overlaps (nothing
+    // changes; `clash` is the pooled run it shares a cluster with), Joined
+    // (with `merge`, it joined the run that ends just before it or begins
+    // just after it, or both, and took its place), or Alone (the caller
+    // inserts it).
+    enum class Join { Alone, Joined, Overlaps };
+    Join join(const ClusterRun& run, bool merge, ClusterRun& clash);
+
     // The pooled run that starts exactly at (zone, first), if any.
     std::optional<ClusterRun> find(uint32_t zone, uint32_t first) const;
-    // The pooled run of the same Zone that ends just before `first`
-    // (its first + length == first), if any.
-    std::optional<ClusterRun> endingAt(uint32_t zone, uint32_t first) const;
-    // A pooled run that shares a cluster with `run`, if any.
-    std::optional<ClusterRun> overlapping(const ClusterRun& run) const;
-
     // Removes the head of the lowest non-empty bucket; false when empty.
     bool evictSmallest(ClusterRun& evicted);
     // Removes every run of the Zone; returns how many.
@@ -75,8 +84,13 @@ private:
     // Nodes come from one pool resource that reuses freed nodes: the pool
     // churns a node per allocation and per free.
     std::pmr::unsynchronized_pool_resource mNodes;
-    std::pmr::map<uint64_t, uint32_t> mIndex;  // key -> length
-    std::pmr::set<uint64_t> mBuckets[kBuckets];
+    using RunMap = std::pmr::map<uint64_t, uint32_t>;  // key -> length
+    // Moves a node to a new key that keeps its place in the order.
+    static void rekey(RunMap& map, RunMap::iterator it, uint64_t k, uint32_t length);
+    // replace() with the run's index entry (and bucket entry, when known) in hand.
+    void replaceAt(RunMap::iterator indexIt, RunMap::iterator bucketIt, bool bucketKnown, const ClusterRun& now);
+    RunMap mIndex;
+    RunMap mBuckets[kBuckets];
     uint32_t mRuns = 0;
     uint64_t mClusters = 0;
 };

@@ -285,28 +285,21 @@ StatusCode ClusterManager::AddFreeRunLocked(uint32_t zone, uint32_t first, uint3
     PerfSamplerLimitForced perf(&mAddFreeRunPerf, "Add free run to pool", kSlowLimitUs);
     ClusterRun run(zone, first, last - first + 1);
     ESA_TRACE(tCMPool, "AddFreeRun reason " << reason << " " << run << (merge ? " merge" : ""));
-    // 1.
-    if (std::optional<ClusterRun> same = mPool.overlapping(run)) {
-        if (*same == run)
+    // 1. A run joined to a neighbour takes its place: the pool does not grow.
+    ClusterRun clash;
+    const CMRunPool::Join joined = mPool.join(run, merge, clash);
+    if (joined == CMRunPool::Join::Overlaps) {
+        if (clash == run)
             ESA_CONSOLE("FATAL: Tried to combine a run with one in a bucket but a matching entry was already present - "
                         "not adding to pool ("
                         << run << ")");
         else
-            ESA_CONSOLE("CM: run " << run << " overlaps pooled run " << *same << " - not adding to pool");
+            ESA_CONSOLE("CM: run " << run << " overlaps pooled run " << clash << " - not adding to pool");
         return StatusCode::CM_ClusterAlreadyFree;
     }
-    if (merge) {
-        if (std::optional<ClusterRun> prev = mPool.endingAt(zone, first)) {
-            ESA_TRACE(tCMPool, "New run contiguous with previous run - combining " << *prev);
-            mPool.erase(*prev);
-            run.firstCluster = prev->firstCluster;
-            run.numberOfClusters += prev->numberOfClusters;
-        }
-        if (std::optional<ClusterRun> next = mPool.find(zone, run.endCluster())) {
-            ESA_TRACE(tCMPool, "New run contiguous with next run - combining " << *next);
-            mPool.erase(*next);
-            run.numberOfClusters += next->numberOfClusters;
-        }
+    if (joined == CMRunPool::Join::Joined) {
+        ESA_TRACE(tCMPool, "New run contiguous with a pooled run - combining " << run);
+        return StatusCode::Success;
     }
     // 2.
     if (mPool.runs() >= kPoolRunCap) {
@@ -391,23 +384,24 @@ StatusCode ClusterManager::AllocateClusters(uint32_t numClusters, uint32_t maxZo
                 break;
             }
         }
-        const ClusterRun run = mPool.popHead(bucket);
+        // The run count is checked before the head leaves the pool, so a
+        // refused run stays where it was.
         if (maxRuns != kNoRunLimit && runCount + 1 > maxRuns) {
             ESA_TRACE(tCMAlloc, formatted("AllocateClusters: Max limit of runs to allocate (%lu) exceeded - aborting "
                                           "allocate and returning error\n",
                                           maxRuns));
-            AddFreeRunLocked(run.zone, run.firstCluster, run.lastCluster(), false, 1);
             result = StatusCode::CM_TooManyClusters;
             break;
         }
+        const ClusterRun run = mPool.head(bucket);
         if (!small || runCount > 0) {
-            // 2.3
+            // 2.3 The tail stays pooled in the run's place.
             const uint32_t t = std::min({run.numberOfClusters, needed, mMaxRunLength});
-            if (t < run.numberOfClusters) AddFreeRunLocked(run.zone, run.firstCluster + t, run.lastCluster(), false, 1);
-            runs[runCount++] = ClusterRun(run.zone, run.firstCluster, t);
+            runs[runCount++] = mPool.takeFromHead(bucket, t);
             needed -= t;
         } else {
             // 2.4
+            mPool.popHead(bucket);
             runs[runCount++] = run;
             take = std::min({run.numberOfClusters, needed, mMaxRunLength});
             needed -= take;

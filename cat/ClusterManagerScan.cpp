@@ -3,7 +3,9 @@
 // from and gives back to the Zone layer.
 #include <algorithm>
 #include <bit>
+#include <chrono>
 #include <cstdio>
+#include <thread>
 
 #include "cat/BitmapSegmentLoader.h"
 #include "cat/ClusterManager.h"
@@ -59,6 +61,8 @@ StatusCode ClusterManager::CreateCMThread() {
 void ClusterManager::DeleteCMThread() {
     if (!mThread) return;
     mStopping = true;
+    // With background threads disabled the thread waits, parked, until they
+    // are enabled; it takes the stop message then.
     Message m{kMsgStop, 0, 0, {0, 0}};
     msgQSend(mQueue, &m, sizeof m, WAIT_FOREVER, MSG_PRI_URGENT);
     semTake(mThreadReady, WAIT_FOREVER);  // given as the thread leaves
@@ -168,7 +172,7 @@ void ClusterManager::InitiateBackgroundScan(bool initial, bool force) {
 void ClusterManager::WaitForParserIdle() {
     while (mLoaded && (mPendingMessages.load() != 0 || mParsing.load() || mParsePending.load() ||
                        mAddZonePending.load()))
-        taskDelay(1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));  // host time: board time may stand still
 }
 
 // ---------------------------------------------------------------------------
@@ -213,10 +217,9 @@ StatusCode ClusterManager::ScanAllClusterBitmapsInternal(bool initial, bool forc
             aborted = true;
             break;
         }
-        if (parsed || ++examined % kZonesPerYield == 0) {
-            std::lock_guard<std::mutex> g(mJobLock);
-            if (mJob && onParserThread()) mJob->schedule();
-        }
+        // The parser thread owns its job: no lock is held while it waits for
+        // its turn, so an allocator that sets its priority never waits on it.
+        if ((parsed || ++examined % kZonesPerYield == 0) && onParserThread() && mJob) mJob->schedule();
         parsed = false;
         setParserPriority(priorityForPool());
         mScanZone = z;

@@ -61,10 +61,13 @@ StatusCode CATLookupTable::WriteCATZoneInfoData(uint32_t offset, uint32_t sector
     return st;
 }
 
-StatusCode CATLookupTable::WriteCATZoneInfoData() {
-    // In pieces of at most 64 KiB, each committed: the area is written whole
-    // only when it is made, when nothing refers to it yet.
-    for (uint32_t off = 0; off < mImage.length(); off += 65536) {
+StatusCode CATLookupTable::WriteCATZoneInfoData() { return writePieces(0); }
+
+// The image from byte `from` to its end, in pieces of at most 64 KiB, each
+// committed: the area is written so only when it is made, when nothing
+// refers to it yet.
+StatusCode CATLookupTable::writePieces(uint32_t from) {
+    for (uint32_t off = from; off < mImage.length(); off += 65536) {
         IOTracker tracker(READ_WRITE);
         const uint32_t n = std::min<uint32_t>(65536, mImage.length() - off) / 512;
         StatusCode st = WriteCATZoneInfoData(off, n, tracker);
@@ -164,16 +167,10 @@ StatusCode CATLookupTable::createImage() {
     mImage.setNextUniqueId(CLTImage::kFirstUniqueId);
     for (uint32_t lun = 0; lun < mMaxLuns; ++lun) mImage.setMaxLba(lun, mDefaultMaxLba);
     // The LUN blocks first, the header (which makes the area valid) last.
-    for (uint32_t off = mImage.headerSectors() * 512; off < mImage.length(); off += 65536) {
-        IOTracker tracker(READ_WRITE);
-        const uint32_t n = std::min<uint32_t>(65536, mImage.length() - off) / 512;
-        StatusCode st = WriteCATZoneInfoData(off, n, tracker);
-        StatusCode c = tracker.commitIfDirty();
-        if (!st.ok()) return st;
-        if (!c.ok()) return c;
-    }
+    StatusCode st = writePieces(mImage.headerSectors() * 512);
+    if (!st.ok()) return st;
     IOTracker tracker(READ_WRITE);
-    StatusCode st = WriteCATZoneHeaderData(tracker);
+    st = WriteCATZoneHeaderData(tracker);
     StatusCode c = tracker.commitIfDirty();
     return st.ok() ? c : st;
 }

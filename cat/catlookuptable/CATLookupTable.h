@@ -122,14 +122,15 @@ protected:
     CATLookupTable() : mLock("rCLTLock", 0x28) {}
 
 private:
-    struct Part {  // one CAT zone's share of a lookup
+    struct ZoneShare {  // one CAT zone's share of a lookup
         uint32_t catZone, sector, sectors, firstEntry, entries;
     };
-    void splitParts(const CATEntries& e, Part parts[2], unsigned& n) const;
-    StatusCode lockPart(const CATEntries& e, const Part& p, CacheTrackerObject*& cto, IOTracker& tracker);
-    void copyEntries(CATEntries& e, const Part& p, CacheTrackerObject* cto, bool toWindow);
+    void splitByCatZone(const CATEntries& e, ZoneShare parts[2], unsigned& n) const;
+    StatusCode lockShare(const CATEntries& e, const ZoneShare& p, CacheTrackerObject*& cto, IOTracker& tracker);
+    void copyEntries(CATEntries& e, const ZoneShare& p, CacheTrackerObject* cto, bool toWindow);
     StatusCode ensureCatZoneReady(uint32_t lun, uint32_t catZone, uint32_t sector, uint32_t sectors,
                                   IOTracker& tracker);
+    StatusCode writePieces(uint32_t from);
     StatusCode writeImageRange(uint32_t firstByte, uint32_t lastByte, IOTracker& tracker);
     StatusCode createImage();
     StatusCode upgradeZones();

@@ -17,7 +17,7 @@ namespace {
 const int kRangeGetPoint = cltInjection().addApiPoint("ClusterRangeGet.OOR", "fail a CAT range lookup as out of range");
 }
 
-void CATLookupTable::splitParts(const CATEntries& e, Part parts[2], unsigned& n) const {
+void CATLookupTable::splitByCatZone(const CATEntries& e, ZoneShare parts[2], unsigned& n) const {
     n = 1;
     const uint32_t firstSectors = e.spanning ? e.sectors - e.spanSectors : e.sectors;
     const uint32_t firstEntries = std::min(e.count, firstSectors * kEntriesPerSector - e.sectorOffset);
@@ -28,18 +28,18 @@ void CATLookupTable::splitParts(const CATEntries& e, Part parts[2], unsigned& n)
     }
 }
 
-StatusCode CATLookupTable::lockPart(const CATEntries& e, const Part& p, CacheTrackerObject*& cto, IOTracker& tracker) {
+StatusCode CATLookupTable::lockShare(const CATEntries& e, const ZoneShare& p, CacheTrackerObject*& cto, IOTracker& tracker) {
     const uint32_t zone = catZone(e.lun, p.catZone);
     if (!zone) return StatusCode::CLT_ZoneIndexOutOfRange;
     ++mCounters.lockedLookups;
     return mZmdt->LockAndLookupRange(zone, p.sector, p.sectors, cto, tracker, 8);
 }
 
-// Copies the part's entries between the array and the locked sectors, 7
+// Copies the share's entries between the array and the locked sectors, 7
 // bytes at a time, skipping the pad byte at the end of each sector. Entries
 // in a chunk whose sectors were never zeroed read as zero, whatever the disk
 // holds there.
-void CATLookupTable::copyEntries(CATEntries& e, const Part& p, CacheTrackerObject* cto, bool toWindow) {
+void CATLookupTable::copyEntries(CATEntries& e, const ZoneShare& p, CacheTrackerObject* cto, bool toWindow) {
     std::vector<uint8_t> flat(size_t(p.sectors) * 512);
     DataBuffer b{uint32_t(flat.size()), flat.data()};
     cto->mWindow.Read(b, 0, b.length);
@@ -81,24 +81,24 @@ StatusCode CATLookupTable::GetCATEntry(CATEntries& e, uint32_t lun, uint64_t lba
     // Past the LUN's CAT zones nothing is read: the entries are zeros.
     if (e.catZone >= catZoneCount(lun)) return StatusCode::Success;
 
-    Part parts[2];
+    ZoneShare parts[2];
     unsigned n = 0;
-    splitParts(e, parts, n);
+    splitByCatZone(e, parts, n);
     for (unsigned i = 0; i < n; ++i) {
-        const Part& p = parts[i];
+        const ZoneShare& p = parts[i];
         if (p.catZone >= catZoneCount(lun) || catZone(lun, p.catZone) == 0) continue;
         const uint64_t firstChunk = uint64_t(mGeo.chunksPerZone) * p.catZone + p.sector / mGeo.sectorsPerChunk;
         const uint64_t lastChunk =
             uint64_t(mGeo.chunksPerZone) * p.catZone + (p.sector + p.sectors - 1) / mGeo.sectorsPerChunk;
         bool any = false;
         for (uint64_t ch = firstChunk; ch <= lastChunk && !any; ++ch) any = chunkWritten(lun, ch);
-        // A part in chunks never written holds only zeros: no lock, no I/O.
+        // A share in chunks never written holds only zeros: no lock, no I/O.
         if (!any) {
             ++mCounters.zeroFilled;
             continue;
         }
         CacheTrackerObject*& cto = i == 0 ? e.cto : e.cto2;
-        StatusCode st = lockPart(e, p, cto, tracker);
+        StatusCode st = lockShare(e, p, cto, tracker);
         if (!st.ok()) {
             ESA_TRACE(tClt, "GetCATEntry: lock of CAT zone " << p.catZone << " sector " << p.sector << " failed " << st);
             if (i == 1 && e.cto) {
@@ -128,11 +128,11 @@ StatusCode CATLookupTable::Update(CATEntries& e, bool dirty, IOTracker& tracker)
     if (!e.filled) return StatusCode::CLT_CATNotCompleted;
     if (mReadOnly) return StatusCode::ReadOnlyMode;
     ++mCounters.updates;
-    Part parts[2];
+    ZoneShare parts[2];
     unsigned n = 0;
-    splitParts(e, parts, n);
+    splitByCatZone(e, parts, n);
     for (unsigned i = 0; i < n; ++i) {
-        const Part& p = parts[i];
+        const ZoneShare& p = parts[i];
         CacheTrackerObject*& cto = i == 0 ? e.cto : e.cto2;
         const uint64_t firstChunk = uint64_t(mGeo.chunksPerZone) * p.catZone + p.sector / mGeo.sectorsPerChunk;
         const uint64_t lastChunk =
@@ -152,7 +152,7 @@ StatusCode CATLookupTable::Update(CATEntries& e, bool dirty, IOTracker& tracker)
             if (!st.ok()) return st;
         }
         if (!cto) {
-            StatusCode st = lockPart(e, p, cto, tracker);
+            StatusCode st = lockShare(e, p, cto, tracker);
             if (!st.ok()) {
                 cto = nullptr;
                 return st;
