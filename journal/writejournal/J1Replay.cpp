@@ -159,7 +159,10 @@ StatusCode J1Replay::setupTagCache(unsigned long cacheSize, unsigned long j1Size
 }
 
 J1ReplayTag* J1Replay::allocateTag(ClientRequest& request) {
-    ESA_ASSERT(request.store != nullptr);
+    // Before the replay has set the journal up (a host that writes while the
+    // pack loads) there is no tag: the write is answered once it is on the
+    // disks, if it is taken at all.
+    if (!mReplayDone || mNumTags == 0 || !request.store) return nullptr;
     unsigned char* data = nullptr;
     uint32_t contiguous = 0;
     request.store->begin(0, data, contiguous);

@@ -62,7 +62,8 @@ public:
     // empty. `j1Start` is "/SHJ1" as mapped now.
     StatusCode replay(void* nvram, unsigned long cacheSize, unsigned long j1Size, DiskPackId packId, void* j1Start);
 
-    // A tag for the request's write, PENDING on return; waits while none is free.
+    // A tag for the request's write, PENDING on return; waits while none is
+    // free. Null before the journal is set up at pack load.
     J1ReplayTag* allocateTag(ClientRequest& request);
     // A PENDING tag goes back to the free list (its write will never be done).
     void abortTag(J1ReplayTag& tag);
