@@ -54,7 +54,9 @@ J1Replay* J1Replay::GetInstance() {
     return &instance;
 }
 
-J1Replay::J1Replay() = default;
+J1Replay::J1Replay() : mTagFreed(semBCreate(SEM_Q_FIFO, SEM_EMPTY)) {}
+
+J1Replay::~J1Replay() { semDelete(mTagFreed); }
 
 void J1Replay::setCutHook(CutHook hook) {
     gCutHooked.store(bool(hook));
@@ -181,7 +183,8 @@ J1ReplayTag* J1Replay::allocateTag(ClientRequest& request) {
         }
         ESA_TRACE(tJ1r, "J1R:allocateTag: NO TAGS");
         flushIfNeeded(false);
-        taskDelay(1);
+        // A tick at the most: a freed tag ends the wait at once.
+        semTake(mTagFreed, 1);
     }
     J1ReplayTag& t = tags()[index];
     t.storeState(ReplayTagState::ALLOCATED);
@@ -212,7 +215,7 @@ void J1Replay::freeTagLocked(uint32_t index) {
     t.storeState(ReplayTagState::FREE);
     t.setNext(mFreeHead);
     mFreeHead = index + 1;
-    mNumFree++;
+    if (mNumFree++ == 0) semGive(mTagFreed);
 }
 
 void J1Replay::abortTag(J1ReplayTag& tag) {

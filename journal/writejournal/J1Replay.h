@@ -21,6 +21,7 @@
 
 #include "disk/DiskPackId.h"
 #include "journal/writejournal/J1ReplayTag.h"
+#include "platform/rtos/Rtos.h"
 #include "util/LockObject.h"
 #include "util/StatusCode.h"
 
@@ -50,6 +51,7 @@ public:
     static J1Replay* GetInstance();
     // Tests build their own instances to model a restart over the same NVRAM.
     J1Replay();
+    ~J1Replay();
     J1Replay(const J1Replay&) = delete;
     J1Replay& operator=(const J1Replay&) = delete;
 
@@ -144,6 +146,7 @@ private:
     std::atomic<uint64_t> mKeptByOverlap{0};
     uint32_t mReplayedTags = 0;
     uint64_t mReplayedSectors = 0;
+    SEM_ID mTagFreed;  // given when the first tag comes back to an empty free list
     mutable LockObject mTagCacheLock{"J1RTagCacheLock", 53};
     mutable LockObject mExTagListLock{"J1RExTagListLock", 52};
 };

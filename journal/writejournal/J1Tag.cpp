@@ -51,6 +51,11 @@ J1Tag::J1Tag(J1Replay* replay)
     for (uint32_t i = 0; i < mTags.size(); ++i) mTags[i].index = i;
 }
 
+J1Tag::~J1Tag() {
+    semDelete(mWorkerSem);
+    semDelete(mTagFreedSem);
+}
+
 StatusCode J1Tag::Initialize(bool clear) {
     (void)clear;  // the list never outlives the process; the NVRAM header is reset at load
     return StatusCode::Success;

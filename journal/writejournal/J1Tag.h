@@ -107,6 +107,7 @@ public:
     static J1Tag* GetInstance();
     // Tests build their own over their own header and replay tags.
     explicit J1Tag(J1Replay* replay = nullptr);
+    ~J1Tag();
     J1Tag(const J1Tag&) = delete;
     J1Tag& operator=(const J1Tag&) = delete;
 
