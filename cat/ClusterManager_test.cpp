@@ -149,6 +149,29 @@ TEST_F(ClusterManagerOnDisks, AdjacentFreesMergeAcrossBucketsAndOverlapsAreRefus
     EXPECT_EQ(cm()->internalConsistencyCheck(out), StatusCode::Success) << out.str();
 }
 
+// With small runs in use and more than 2,000 runs pooled, a large request
+// takes its first run whole and soaks up to three fragments into the rest.
+TEST_F(ClusterManagerOnDisks, WithSmallRunsOnALargeRequestSoaksUpFragments) {
+    loadNewPack();
+    const uint32_t zone = cm()->GetNthZoneInUse(1);
+    fill(zone);
+    {
+        IOTracker t(READ_WRITE);
+        for (uint32_t i = 0; i < 3000; ++i) ASSERT_EQ(cm()->DeallocateClusters(ClusterRun(zone, 2 * i, 1), t), StatusCode::Success);
+        ASSERT_EQ(cm()->DeallocateClusters(ClusterRun(zone, 10000, 600), t), StatusCode::Success);
+        ASSERT_EQ(t.commitIfDirty(), StatusCode::Success);
+    }
+    cm()->WaitForParserIdle();
+    ASSERT_GT(cm()->GetPoolRuns(), ClusterManager::kParserWorthRuns);
+    cm()->SetUseSmallRuns(true);
+    std::vector<ClusterRun> got = allocate(256);
+    cm()->SetUseSmallRuns(false);
+    EXPECT_EQ(got, (std::vector<ClusterRun>{{zone, 10000, 253}, {zone, 0, 1}, {zone, 2, 1}, {zone, 4, 1}}));
+    EXPECT_TRUE(inPool(ClusterRun(zone, 10253, 347))) << "the first run's tail went back";
+    std::string why;
+    EXPECT_TRUE(consistent(why)) << why;
+}
+
 TEST_F(ClusterManagerOnDisks, LowZonesFillFirst) {
     loadNewPack();
     const uint32_t low = cm()->GetNthZoneInUse(1);

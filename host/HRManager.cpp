@@ -8,9 +8,11 @@
 #include "host/TopEnd.h"
 #include "host/USBTransport.h"
 #include "platform/board/BoardServices.h"
+#include "platform/target/TargetDriver.h"
 #include "system/SystemManager.h"
 #include "util/Assert.h"
 #include "util/Trace.h"
+#include "util/WriteBuffer.h"
 
 namespace {
 Trace tHrm("Host", "HRM", "Info", false);
@@ -186,6 +188,10 @@ void HRManager::stateShow(std::ostream& out) {
 void HRManager::Dump(std::ostream& out) {
     stateShow(out);
     out << "HRM: corruptHRMWrites " << corruptHRMWrites.load() << "\n";
+    // Host write buffers of the journal memory: in use in all, and taken by
+    // the target for commands it has not yet handed over.
+    out << "HRM: write buffers in use " << WriteBuffer::GetInstance().blocksInUse() << " held by the target "
+        << TargetDriver::GetInstance().writeBuffersHeld() << "\n";
     USBTransport::GetInstance()->Dump(out);
     MultiIssueTransport::GetInstance()->Dump(out);
 }

@@ -50,6 +50,7 @@ void MultiIssueTransport::loop() {
 }
 
 td::InterCoreSgl* MultiIssueTransport::allocSgl() {
+    int attempts = 0;
     for (;;) {
         {
             LockObject::ExclusiveLockInstance g(&mSglLock);
@@ -59,7 +60,7 @@ td::InterCoreSgl* MultiIssueTransport::allocSgl() {
                 return s;
             }
         }
-        taskDelay(1);
+        waitForRoom(attempts);
     }
 }
 

@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <iomanip>
 
-#include "cache/CacheTrackerObject.h"
 #include "cache/HostLbaTracker.h"
 #include "host/ClientRequest.h"
 #include "host/HRManager.h"
@@ -74,59 +73,51 @@ void TopEnd::handle(ClientRequest& r) {
     // at host requests yet.
     unsigned long sequence = ++mSequence;
     if (r.isRead()) {
-        uint32_t depthBefore = mReadQueueDepth.load();
         r.status = ProcessHostRead(r, sequence);
         if (r.status.ok() && r.len > 0) {
             mReadBytes += uint64_t(r.len) * 512;
-            (void)depthBefore;
-            semGive(mReadSem);
+            semGive(mReadSem);  // from here on the request belongs to the read threads
         } else {
             ESA_TRACE(tTopEnd, "TopEnd: read of LUN " << r.lun << " LBA " << r.lba << " gives " << r.status);
             mHrm->putResponse(r);
         }
         return;
     }
-    // A write with its replay tag is answered from the journal, outside
-    // one-at-a-time mode. The answer goes before the write enters the list:
-    // from then on a write thread may finish the write and release the
-    // request at any moment, so nothing here touches it afterwards.
-    bool early = r.tag && !oneAtATimeOn() && mJournal->earlyAcknowledgement();
-    mWriteBytes += uint64_t(r.len) * 512;
-    if (early) {
+    // Outside one-at-a-time mode, and when the journal answers for the data
+    // (they are in battery-backed memory from reception on), the host is
+    // answered now; the request stays held for the write thread. It is
+    // answered before it enters the journal: from there on it belongs to the
+    // write threads, which may finish and release it at once.
+    uint64_t bytes = uint64_t(r.len) * 512;
+    // Only a write with its replay tag: the tag is what answers for the data.
+    bool answered = r.tag && !oneAtATimeOn() && mJournal->earlyAcknowledgement();
+    if (answered) {
         r.status = StatusCode::Success;
         r.setFlag(ClientRequest::kHold);
         mHrm->putResponse(r);
     }
     StatusCode s = mJournal->ProcessHostWrite(r, sequence);
     if (!s.ok()) {
-        // The journal kept an answered write's tag for a retry; the request ends here.
+        // An answered write that fails here is the journal's to record.
         ESA_TRACE(tTopEnd, "TopEnd: write of LUN " << r.lun << " LBA " << r.lba << " gives " << s);
         r.status = s;
-        if (early)
+        if (answered)
             mHrm->releaseRequest(r);
         else
             mHrm->putResponse(r);
+        return;
     }
+    mWriteBytes += bytes;
 }
 
 StatusCode TopEnd::ProcessHostRead(ClientRequest& r, unsigned long sequence) {
     if (r.len == 0) return StatusCode::Success;
-    // The cache has no read-ahead windows yet: every read takes the range
-    // lock, and what the lock finds present may be answered at once.
-    StatusCode s = mCache->LockRange(r.lun, r.lba, r.len, r.cto, r.iot);
-    if (s != StatusCode::Success) {
-        ESA_TRACE(tTopEnd, "TopEnd::ProcessHostRead: LockRange gives " << s);
-        r.cto = nullptr;
-        return s;
-    }
-    uint32_t available = r.cto ? r.cto->mWindow.GetLength() / 512 : 0;
-    if (r.fromTransport() && mReadQueueDepth.load() < kReadQueueLimit && available >= r.len) {
-        // The host gets its data at once; only the bookkeeping remains.
-        r.setFlag(ClientRequest::kHold);
-        r.status = StatusCode::Success;
-        r.window = DataWindow(r.cto->mWindow, 0, r.len * 512u);
-        mHrm->putResponse(r);
-    }
+    // The host LBA cache has no read-ahead windows yet, so nothing can be
+    // answered from it here: the read goes to the read threads, and the map
+    // locks the range and reads it there (the lock stays until the response
+    // has gone, for a request from a transport). When the read-ahead windows
+    // exist, a read they hold whole is answered here, and beyond a queue of
+    // kReadQueueLimit this thread takes the range lock itself to pace the host.
     auto* e = new ReadQueueEntry;
     e->sequence = sequence;
     e->request = &r;

@@ -360,7 +360,8 @@ void USBHostRequest::protoFastPathResponse(bool writeAck) {
     USBTransport* t = USBTransport::GetInstance();
     ClientRequest& r = mRequest;
     td::CmdResp* rsp = nullptr;
-    while (!t->ring().getNextResponseInsertPoint(rsp)) taskDelay(1);
+    int attempts = 0;
+    while (!t->ring().getNextResponseInsertPoint(rsp)) waitForRoom(attempts);
     std::memset(rsp, 0, sizeof *rsp);
     rsp->residual = r.resid;
     rsp->tag = cmdTag;

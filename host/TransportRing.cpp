@@ -1,6 +1,7 @@
 #include "host/TransportRing.h"
 
 #include <cstring>
+#include <thread>
 
 #include "platform/target/TdRing.h"
 
@@ -44,9 +45,20 @@ void TransportRing::finishResponseInsert(uint32_t length) {
 
 void TransportRing::abortResponseInsert() { semGive(mInsertLock); }
 
+// The driver drains a full ring within microseconds of being woken, and a
+// board tick is 16 ms: a full ring is first waited out by yielding, and a
+// tick at a time only when it stays full.
+void waitForRoom(int& attempts) {
+    if (++attempts < 1000)
+        std::this_thread::yield();
+    else
+        taskDelay(1);
+}
+
 void TransportRing::respond(const td::CmdResp& rsp) {
     td::CmdResp* slot = nullptr;
-    while (!getNextResponseInsertPoint(slot)) taskDelay(1);
+    int attempts = 0;
+    while (!getNextResponseInsertPoint(slot)) waitForRoom(attempts);
     std::memcpy(slot, &rsp, sizeof rsp);
     finishResponseInsert(sizeof rsp);
 }

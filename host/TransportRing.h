@@ -11,6 +11,9 @@
 #include "platform/rtos/Rtos.h"
 #include "platform/target/TargetDriverRecords.h"
 
+// Waits for a full ring to drain: yields first, then a tick at a time.
+void waitForRoom(int& attempts);
+
 class TransportRing {
 public:
     void attach(td::CommandRing* commands, td::ResponseRing* responses, SEM_ID commandSem, SEM_ID responseSem);

@@ -67,24 +67,34 @@ std::string placeOf(EsaProcess& esa, uint64_t lba) {
     return "";
 }
 
-// A started esa on the board; a new pack has its default LUN 0 of about
-// 2 TiB, whose CAT zones the host side has the map make when it publishes
-// the LUN.
-EsaProcess* startWithLun(TestBoard& board, std::unique_ptr<EsaProcess>& holder) {
-    holder = std::make_unique<EsaProcess>(board.dir().string());
-    EXPECT_TRUE(holder->waitForConsole()) << holder->output();
-    ConsoleResult r = holder->console("reportLuns");
+// esa started on a new board of disks of `sizes`; a new pack has its
+// default LUN 0 of about 2 TiB, whose CAT zones the host side has the map
+// make when it publishes the LUN.
+std::unique_ptr<EsaProcess> startOn(TestBoard& board, const std::string& sizes) {
+    createDisks(board, sizes);
+    auto esa = std::make_unique<EsaProcess>(board.dir().string());
+    EXPECT_TRUE(esa->waitForConsole()) << esa->output();
+    ConsoleResult r = esa->console("reportLuns");
     EXPECT_NE(r.output.find("LUN 0:"), std::string::npos) << r.output;
-    return holder.get();
+    return esa;
+}
+
+// A clean restart: the journals and the disks' caches are written out, the
+// process ends with the restart status and starts again.
+std::unique_ptr<EsaProcess> restartClean(TestBoard& board, EsaProcess& esa) {
+    esa.console("reboot confirm");
+    EXPECT_EQ(esa.wait(), 75);
+    auto again = std::make_unique<EsaProcess>(board.dir().string());
+    EXPECT_TRUE(again->waitForConsole()) << again->output();
+    return again;
 }
 
 }  // namespace
 
 TEST(MapSystem, AThinLunReadsZerosEverywhereWithoutTouchingAZone) {
     TestBoard board;
-    createDisks(board, "8G,8G,8G");
-    std::unique_ptr<EsaProcess> holder;
-    EsaProcess& esa = *startWithLun(board, holder);
+    std::unique_ptr<EsaProcess> holder = startOn(board, "8G,8G,8G");
+    EsaProcess& esa = *holder;
     const auto before = counters(esa);
     for (const char* at : {"0", "8191", "0x80000000", "0xFFFFE000"}) ok(esa, std::string("lunVerify 0 ") + at + " 4096 0");
     const auto after = counters(esa);
@@ -100,9 +110,8 @@ TEST(MapSystem, AThinLunReadsZerosEverywhereWithoutTouchingAZone) {
 
 TEST(MapSystem, FirstWriteRedirectAndInPlaceKeepTheMapAndTheBitmapsInStep) {
     TestBoard board;
-    createDisks(board, "8G,8G,8G");
-    std::unique_ptr<EsaProcess> holder;
-    EsaProcess& esa = *startWithLun(board, holder);
+    std::unique_ptr<EsaProcess> holder = startOn(board, "8G,8G,8G");
+    EsaProcess& esa = *holder;
 
     // One sector into a never-written chunk: the CAT zone and the chunk are
     // made, one cluster is taken, and the rest of the cluster reads as zeros.
@@ -150,10 +159,8 @@ TEST(MapSystem, FirstWriteRedirectAndInPlaceKeepTheMapAndTheBitmapsInStep) {
     EXPECT_TRUE(metacheckClean(esa));
 
     // A restart reads the same.
-    esa.console("reboot confirm");
-    EXPECT_EQ(esa.wait(), 75);
-    EsaProcess again(board.dir().string());
-    ASSERT_TRUE(again.waitForConsole()) << again.output();
+    auto restarted = restartClean(board, esa);
+    EsaProcess& again = *restarted;
     ok(again, "lunVerify 0 0 8 10");
     ok(again, "lunVerify 0 13 2000 12");
     EXPECT_TRUE(metacheckClean(again));
@@ -163,9 +170,8 @@ TEST(MapSystem, FirstWriteRedirectAndInPlaceKeepTheMapAndTheBitmapsInStep) {
 // 8 bytes apart on disk) and a CAT zone (the lookup spans two Zones).
 TEST(MapSystem, WritesAcrossACatSectorAndACatZoneBoundaryReadBack) {
     TestBoard board;
-    createDisks(board, "8G,8G,8G");
-    std::unique_ptr<EsaProcess> holder;
-    EsaProcess& esa = *startWithLun(board, holder);
+    std::unique_ptr<EsaProcess> holder = startOn(board, "8G,8G,8G");
+    EsaProcess& esa = *holder;
     // Cluster 72 is the last entry of CAT sector 0.
     ok(esa, "lunWrite 0 568 24 31");
     // 153,054,720 entries to a CAT zone on the default geometry: LBA 0x48FB7000.
@@ -188,10 +194,8 @@ TEST(MapSystem, WritesAcrossACatSectorAndACatZoneBoundaryReadBack) {
     const uint64_t from = std::stoull(m[1].str(), nullptr, 16), length = std::stoull(m[2].str(), nullptr, 16);
     EXPECT_LE(from, 0x48FB6FE0u);
     EXPECT_GE(from + length, 0x48FB7020u);
-    esa.console("reboot confirm");
-    EXPECT_EQ(esa.wait(), 75);
-    EsaProcess again(board.dir().string());
-    ASSERT_TRUE(again.waitForConsole()) << again.output();
+    auto restarted = restartClean(board, esa);
+    EsaProcess& again = *restarted;
     ok(again, "lunVerify 0 568 24 31");
     ok(again, "lunVerify 0 0x48FB6FE0 64 32");
     EXPECT_TRUE(metacheckClean(again));
@@ -202,9 +206,8 @@ TEST(MapSystem, WritesAcrossACatSectorAndACatZoneBoundaryReadBack) {
 // checks report both the entry and the cluster it leaves allocated.
 TEST(MapSystem, ReclaimFreesClustersAndABadHashIsReplacedButNotFreed) {
     TestBoard board;
-    createDisks(board, "8G,8G,8G");
-    std::unique_ptr<EsaProcess> holder;
-    EsaProcess& esa = *startWithLun(board, holder);
+    std::unique_ptr<EsaProcess> holder = startOn(board, "8G,8G,8G");
+    EsaProcess& esa = *holder;
     ok(esa, "lunWrite 0 0 64 41");
     EXPECT_EQ(counters(esa).at("cmAllocated"), 8u);
     ok(esa, "cltReclaim 0 16 32");
@@ -245,9 +248,8 @@ TEST(MapSystem, ReclaimFreesClustersAndABadHashIsReplacedButNotFreed) {
 // every other stream lands where it belongs and the map stays consistent.
 TEST(MapSystem, ABatchWithAStreamOutOfRangeAndStreamsSharingClustersWritesTheRest) {
     TestBoard board;
-    createDisks(board, "8G,8G,8G");
-    std::unique_ptr<EsaProcess> holder;
-    EsaProcess& esa = *startWithLun(board, holder);
+    std::unique_ptr<EsaProcess> holder = startOn(board, "8G,8G,8G");
+    EsaProcess& esa = *holder;
     ok(esa, "lunWrite 0 0 256 50");
     ConsoleResult r = esa.console("lunWriteBatch 0 51 0:3 5:3 64:64 0x100000100:8 1000:20 100:8 2000:1 3000:2");
     ASSERT_EQ(r.rc, 0) << r.output;
@@ -273,9 +275,8 @@ TEST(MapSystem, ABatchWithAStreamOutOfRangeAndStreamsSharingClustersWritesTheRes
 // each piece commits on its own and the map stays consistent throughout.
 TEST(MapSystem, ScatteredOverwritesAreSplitIntoSetsThatEachFit) {
     TestBoard board;
-    createDisks(board, "8G,8G,8G");
-    std::unique_ptr<EsaProcess> holder;
-    EsaProcess& esa = *startWithLun(board, holder);
+    std::unique_ptr<EsaProcess> holder = startOn(board, "8G,8G,8G");
+    EsaProcess& esa = *holder;
     // Every other cluster first, then the gaps: the clusters of a range are
     // scattered, so overwriting it frees many short runs.
     for (int i = 0; i < 64; i += 2) ok(esa, "lunWrite 0 " + std::to_string(i * 8) + " 8 " + std::to_string(20 + i));
@@ -295,10 +296,9 @@ TEST(MapSystem, ScatteredOverwritesAreSplitIntoSetsThatEachFit) {
 // the data reach the disks, must leave them readable.
 TEST(MapSystem, APowerCutAfterTheMapCommitOfAPartialWriteLosesNoNeighbouringSector) {
     TestBoard board;
-    createDisks(board, "8G,8G,8G");
     {
-        std::unique_ptr<EsaProcess> holder;
-        EsaProcess& esa = *startWithLun(board, holder);
+        std::unique_ptr<EsaProcess> holder = startOn(board, "8G,8G,8G");
+        EsaProcess& esa = *holder;
         ok(esa, "lunWrite 0 0 16 1");
         ok(esa, "crashPoint catm.populate.committed");
         EXPECT_EQ(esa.console("lunWrite 0 3 1 2").rc, -1000);
@@ -361,12 +361,11 @@ TEST(MapSystem, ACutAtEachCommitMarkOfAMapWorkloadLeavesACleanMapAndEveryAcknowl
     unsigned cuts = 0;
     for (unsigned mark = 1; mark < 400; ++mark) {
         TestBoard board;
-        createDisks(board, "8G,8G,8G");
         size_t acknowledged = 0;
         bool finished = false;
         {
-            std::unique_ptr<EsaProcess> holder;
-            EsaProcess& esa = *startWithLun(board, holder);
+            std::unique_ptr<EsaProcess> holder = startOn(board, "8G,8G,8G");
+            EsaProcess& esa = *holder;
             ok(esa, "catmSetLimits 2 2");
             ok(esa, "crashPoint j2.commit.mark " + std::to_string(mark));
             for (; acknowledged < kWorkload.size(); ++acknowledged) {
@@ -410,9 +409,8 @@ TEST(MapSystem, ALargeWriteToATwoTebibyteLunTakesOnlyWhatWasWritten) {
     const uint64_t mib = v ? std::strtoull(v, nullptr, 10) : 1024;
 #endif
     TestBoard board;
-    createDisks(board, "64G,64G,32G,32G");
-    std::unique_ptr<EsaProcess> holder;
-    EsaProcess& esa = *startWithLun(board, holder);
+    std::unique_ptr<EsaProcess> holder = startOn(board, "64G,64G,32G,32G");
+    EsaProcess& esa = *holder;
     const auto start = counters(esa);
     const uint64_t before = start.at("cmAllocated");
     ConsoleResult w = esa.console("lunWrite 0 0x1000 " + std::to_string(mib) + "M 4242");

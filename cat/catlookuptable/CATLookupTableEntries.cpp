@@ -44,18 +44,24 @@ void CATLookupTable::copyEntries(CATEntries& e, const ZoneShare& p, CacheTracker
     DataBuffer b{uint32_t(flat.size()), flat.data()};
     cto->mWindow.Read(b, 0, b.length);
     const uint32_t slot0 = p.firstEntry == 0 ? e.sectorOffset : 0;
+    uint64_t chunk = ~uint64_t(0);
+    bool written = false;
     for (uint32_t i = 0; i < p.entries; ++i) {
         const uint32_t w = slot0 + i;
         uint8_t* at = flat.data() + CLTGeometry::entryByte(w);
         uint8_t* mine = e.array->entries + (e.baseIndex + p.firstEntry + i) * CATEntry::kBytes;
         if (toWindow) {
             std::memcpy(at, mine, CATEntry::kBytes);
-        } else {
-            const uint64_t chunk = uint64_t(mGeo.chunksPerZone) * p.catZone + (p.sector + w / kEntriesPerSector) /
-                                                                                   mGeo.sectorsPerChunk;
-            if (chunkWritten(e.lun, chunk)) std::memcpy(mine, at, CATEntry::kBytes);
-            else std::memset(mine, 0, CATEntry::kBytes);
+            continue;
         }
+        const uint64_t c =
+            uint64_t(mGeo.chunksPerZone) * p.catZone + (p.sector + w / kEntriesPerSector) / mGeo.sectorsPerChunk;
+        if (c != chunk) {
+            chunk = c;
+            written = chunkWritten(e.lun, chunk);
+        }
+        if (written) std::memcpy(mine, at, CATEntry::kBytes);
+        else std::memset(mine, 0, CATEntry::kBytes);
     }
     if (toWindow) cto->mWindow.Write(b, 0, b.length);
 }
