@@ -441,10 +441,14 @@ void J1Tag::Destroy(PostWriteElem& elem) {
 StatusCode J1Tag::WaitForJ1Empty() {
     uint64_t start = BoardClock::GetInstance().microseconds();
     mWaitCount = 0;
-    // Also the writes that are acknowledged and not yet in the list: the
-    // host counts them as done before it asks for the flush.
+    // Also, for a while, the writes that are acknowledged and not yet in the
+    // list: the host counts them as done before it asks for the flush. Not
+    // for ever: a write the transport gave up between its tag and the list
+    // would hold the flush back.
+    int pendingTicks = kPendingWaitTicks;
     auto outstanding = [&] {
-        return numTagsAllocated() != 0 || mReplay->countInState(ReplayTagState::PENDING) > mReplay->numHeld();
+        if (numTagsAllocated() != 0) return true;
+        return pendingTicks-- > 0 && mReplay->countInState(ReplayTagState::PENDING) > mReplay->numHeld();
     };
     while (mLoaded && !mStopping && outstanding()) {
         semGive(mWorkerSem);

@@ -96,6 +96,7 @@ public:
     static constexpr int kRoundTicks = 30;
     static constexpr uint32_t kWakeStreams = 16;
     static constexpr uint32_t kSufficientStream = 0x400;
+    static constexpr int kPendingWaitTicks = 120;  // how long a drain waits for tagged writes not yet listed
 
     // What J1 calls above itself; the host side sets these at start.
     struct Hooks {
