@@ -202,16 +202,16 @@ StatusCode CATManager::WriteData(ClientRequest& request, bool checkOnly) {
     if (!mLoaded) return request.status = StatusCode::DiskPackNotLoaded;
     if (!request.cto) {
         // A request that holds no lock: its data enter the cache and go
-        // through the batch path as a batch of one.
-        // The cache takes a reference of its own to the data.
-        DataStore* store = request.store;
-        if (store) {
-            store->IncRef();
-        } else {
-            const uint32_t bytes = request.len * 512;
-            store = hlbat()->pool().GetBlocks((bytes + HostLbaTracker::kBlockSize - 1) / HostLbaTracker::kBlockSize);
+        // through the batch path as a batch of one. The cache gets a copy in
+        // its own pool: the request's buffer (the transport's, or the
+        // journal's) goes back when the request ends, whatever stays cached.
+        const uint32_t bytes = request.len * 512;
+        if (request.window.GetLength() < bytes) return request.status = StatusCode::BadIOLength;
+        DataStore* store =
+            hlbat()->pool().GetBlocks((bytes + HostLbaTracker::kBlockSize - 1) / HostLbaTracker::kBlockSize);
+        {
             DataWindow into(*store, 0, bytes);
-            into.Write(request.window);
+            into.Write(DataWindow(request.window, 0, bytes));
         }
         StatusCode st = writeHostRange(request.lun, request.lba, request.len, store, checkOnly, false, request.iot,
                                        &request);
@@ -582,16 +582,19 @@ StatusCode CATManager::mapSet(PostWriteElem& elem, const std::vector<Piece>& all
 
     // A never-written cluster covered in part is written whole (the host's
     // sectors and zeros) and flushed before the map names it.
+    std::set<uint32_t> flushZones;
     for (auto& [run, window] : freshPartials) {
         ++mCounters.freshPartialWrites;
         StatusCode w = ZoneManager::GetInstance()->WriteData(run.zone, cm->LocateCluster(run.firstCluster), window,
                                                              tracker);
-        if (w.ok()) w = ZoneManager::GetInstance()->FlushZone(run.zone);
         if (!w.ok()) {
             st = w;
             break;
         }
+        flushZones.insert(run.zone);
     }
+    for (uint32_t z : flushZones)
+        if (st.ok()) st = ZoneManager::GetInstance()->FlushZone(z);
     if (!st.ok()) {
         // Nothing of the set may commit: the new clusters go back, the map
         // stays as it was.
