@@ -23,8 +23,10 @@ fi
 cat <<EOT
 
 ESA starting on board $ESA_BOARD
-  LUNs:     iSCSI target iqn.2026-11.local.esa:array at $ESA_PORTAL
-            e.g.  iscsi-ls iscsi://$ESA_PORTAL   or   qemu-img info iscsi://$ESA_PORTAL/iqn.2026-11.local.esa:array/0
+  LUNs:     iSCSI target iqn.2026-11.local.esa:array at $ESA_PORTAL, LUN 0 on a new pack
+            e.g.  iscsi-ls -s iscsi://$ESA_PORTAL
+                  qemu-io -c 'read -v 0 512' iscsi://$ESA_PORTAL/iqn.2026-11.local.esa:array/0
+            more LUNs: build/bin/esa-console $ESA_BOARD createLun 64g
   Console:  $ROOT/build/bin/esa-console $ESA_BOARD help
             (or type commands here when this is a terminal)
   Logs:     $ESA_BOARD/diag.log (console), $ESA_BOARD/board.log (board calls)

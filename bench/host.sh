@@ -22,20 +22,15 @@ if [ ! -x "$BIN/esa" ] || [ ! -x "$BIN/esa-load" ] || [ ! -x "$BIN/esa-board" ];
         ninja -C "$ROOT/build-bench" -j2 esa esa-board esa-console esa-load > /dev/null || { echo "host: build failed"; exit 0; }
 fi
 WORK=$(mktemp -d /tmp/esa-bench-host-XXXXXX)
-ESA_PID= TGT_PID=
+ESA_PID=
+. "$ROOT/bench/lib/tgtd.sh"
 cleanup() {
     [ -n "$ESA_PID" ] && kill -9 "$ESA_PID" 2>/dev/null
-    if [ -n "$TGT_PID" ]; then
-        tgtadm -C "$CTL_PORT" --mode system --op delete --force > /dev/null 2>&1
-        sleep 0.2
-        kill -9 "$TGT_PID" 2>/dev/null
-    fi
+    stop_tgtd
     wait 2>/dev/null
     rm -rf "$WORK"
 }
 trap cleanup EXIT
-
-free_port() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])'; }
 
 # The appliance, on a default board in WORK, its target on a free port.
 "$BIN/esa-board" create "$WORK/board" > /dev/null || { echo "host: esa-board create failed"; exit 0; }
@@ -54,27 +49,8 @@ done
 ESA_URL=iscsi://127.0.0.1:$ESA_PORT/iqn.2026-11.local.esa:array/1
 
 # The reference: tgtd with a file beside the board's disk images.
-TGT_URL=
-if command -v tgtd > /dev/null && command -v tgtadm > /dev/null; then
-    TGT_PORT=$(free_port)
-    CTL_PORT=$(( (TGT_PORT % 20000) + 1000 ))
-    truncate -s $LUN_BYTES "$WORK/lun.img"
-    tgtd -f -C "$CTL_PORT" --iscsi portal=127.0.0.1:"$TGT_PORT" > "$WORK/tgtd.log" 2>&1 &
-    TGT_PID=$!
-    disown "$TGT_PID"
-    for _ in $(seq 1 200); do
-        tgtadm -C "$CTL_PORT" --lld iscsi --op new --mode target --tid 1 -T iqn.2026-11.local.bench:tgtd 2> /dev/null && break
-        sleep 0.05
-    done
-    if tgtadm -C "$CTL_PORT" --lld iscsi --op new --mode logicalunit --tid 1 --lun 1 -b "$WORK/lun.img" &&
-        tgtadm -C "$CTL_PORT" --lld iscsi --op bind --mode target --tid 1 -I ALL; then
-        TGT_URL=iscsi://127.0.0.1:$TGT_PORT/iqn.2026-11.local.bench:tgtd/1
-    else
-        echo "host: tgtd could not be set up, figures have no reference"
-    fi
-else
-    echo "host: tgtd is not installed (Debian package tgt), figures have no reference"
-fi
+truncate -s $LUN_BYTES "$WORK/lun.img"
+start_tgtd "$WORK/lun.img" "$WORK"
 
 measure() {  # URL PATTERN RW BS FIELD
     "$BIN/esa-load" "$1" --pattern "$2" --rw "$3" --bs "$4" --qd 32 --seconds "$SECONDS_EACH" 2> "$WORK/err.log" |

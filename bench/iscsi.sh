@@ -24,22 +24,16 @@ if [ ! -x "$BIN/esa-ramtarget" ] || [ ! -x "$BIN/esa-load" ]; then
 fi
 WORK=$(mktemp -d /tmp/esa-bench-iscsi-XXXXXX)
 SHM=$(mktemp -d /dev/shm/esa-bench-iscsi-XXXXXX)
-RT_PID= RTD_PID= TGT_PID=
+RT_PID= RTD_PID=
+. "$ROOT/bench/lib/tgtd.sh"
 cleanup() {
     [ -n "$RT_PID" ] && kill "$RT_PID" 2>/dev/null
     [ -n "$RTD_PID" ] && kill "$RTD_PID" 2>/dev/null
-    if [ -n "$TGT_PID" ]; then
-        # tgtd leaves on its own system delete; SIGTERM alone does not end it.
-        tgtadm -C "$CTL_PORT" --mode system --op delete --force > /dev/null 2>&1
-        sleep 0.2
-        kill -9 "$TGT_PID" 2>/dev/null
-    fi
+    stop_tgtd
     wait 2>/dev/null
     rm -rf "$WORK" "$SHM"
 }
 trap cleanup EXIT
-
-free_port() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])'; }
 
 # The appliance's target.
 "$BIN/esa-ramtarget" --portal 127.0.0.1:0 --size $LUN_BYTES > "$WORK/rt.log" 2>&1 &
@@ -61,27 +55,8 @@ done
 DIRECT_URL=iscsi://127.0.0.1:${RTD_PORT:-1}/iqn.2026-11.local.esa:array/0
 
 # The reference: tgtd with a file on tmpfs as its LUN 1.
-TGT_URL=
-if command -v tgtd > /dev/null && command -v tgtadm > /dev/null; then
-    TGT_PORT=$(free_port)
-    CTL_PORT=$(( (TGT_PORT % 20000) + 1000 ))
-    truncate -s $LUN_BYTES "$SHM/lun.img"
-    tgtd -f -C "$CTL_PORT" --iscsi portal=127.0.0.1:"$TGT_PORT" > "$WORK/tgtd.log" 2>&1 &
-    TGT_PID=$!
-    disown "$TGT_PID"  # it is ended with SIGKILL; no job report for that
-    for _ in $(seq 1 200); do
-        tgtadm -C "$CTL_PORT" --lld iscsi --op new --mode target --tid 1 -T iqn.2026-11.local.bench:tgtd 2> /dev/null && break
-        sleep 0.05
-    done
-    if tgtadm -C "$CTL_PORT" --lld iscsi --op new --mode logicalunit --tid 1 --lun 1 -b "$SHM/lun.img" &&
-        tgtadm -C "$CTL_PORT" --lld iscsi --op bind --mode target --tid 1 -I ALL; then
-        TGT_URL=iscsi://127.0.0.1:$TGT_PORT/iqn.2026-11.local.bench:tgtd/1
-    else
-        echo "iscsi: tgtd could not be set up, figures have no reference"
-    fi
-else
-    echo "iscsi: tgtd is not installed (Debian package tgt), figures have no reference"
-fi
+truncate -s $LUN_BYTES "$SHM/lun.img"
+start_tgtd "$SHM/lun.img" "$WORK"
 
 # measure URL PATTERN RW BS FIELD: one esa-load run, prints the field of its result line.
 measure() {

@@ -79,6 +79,11 @@ void copyDataFields(ClientRequest& r, const td::CommandBlock& b) {
     r.flags |= b.flags.get() & (ClientRequest::kCmdFlag10 | ClientRequest::kCmdFlag20);
 }
 
+void reportFailedIo(const ClientRequest& r) {
+    std::printf("USBHostRequest::protoFastPathResponse: Request Type: %s on LUN %u had an error. HLBA: 0x%llx Len: 0x%x\n",
+                r.isWrite() ? "Write" : "Read", r.lun, (unsigned long long)r.lba, r.len);
+}
+
 bool earlyAcknowledgement(const ClientRequest& r) {
     return r.tag != nullptr && !TopEnd::GetInstance()->oneAtATimeOn();
 }
@@ -249,9 +254,7 @@ void USBHostRequest::rxDataCmd() {
     USBTransport* t = USBTransport::GetInstance();
     ClientRequest& r = mRequest;
     r.setFlag(ClientRequest::kFromTransport | ClientRequest::kFastPath);
-    td::CommandBlock* slot = nullptr;
-    while (!t->ring().getNextRequest(slot)) t->ring().waitForRequest();
-    td::CommandBlock b = *slot;
+    td::CommandBlock b = t->ring().takeNextRequest();
     ++t->commands;
     uint32_t f = b.flags;
     if ((f & 0x108) == 0x108) {
@@ -383,8 +386,7 @@ void USBHostRequest::protoFastPathResponse(bool writeAck) {
         return;
     }
     if (!ok)
-        std::printf("USBHostRequest::protoFastPathResponse: Request Type: %s on LUN %u had an error. HLBA: 0x%llx Len: 0x%x\n",
-                    r.isWrite() ? "Write" : "Read", r.lun, (unsigned long long)r.lba, r.len);
+        reportFailedIo(r);
     r.setFlag(ClientRequest::kResponded);
     if (ok && r.isRead()) finishSentResponse(true);  // "/usbSgList" before the slot is published
     t->ring().finishResponseInsert(sizeof *rsp);
@@ -429,9 +431,7 @@ void MultiHostRequest::rxDataIo() {
     MultiIssueTransport* t = MultiIssueTransport::GetInstance();
     ClientRequest& r = mRequest;
     r.setFlag(ClientRequest::kFromTransport | ClientRequest::kFastPath);
-    td::CommandBlock* slot = nullptr;
-    while (!t->ring().getNextRequest(slot)) t->ring().waitForRequest();
-    td::CommandBlock b = *slot;
+    td::CommandBlock b = t->ring().takeNextRequest();
     uint32_t f = b.flags;
     if (f & td::kCmdResRelease) {
         // The driver has sent a read's data: its buffers may go.
@@ -536,8 +536,7 @@ void MultiHostRequest::protoFastPathResponse(bool writeAck) {
         handle = t->addHandle(this);
         rsp.requestHandle = handle;
     } else if (!ok) {
-        std::printf("USBHostRequest::protoFastPathResponse: Request Type: %s on LUN %u had an error. HLBA: 0x%llx Len: 0x%x\n",
-                    r.isWrite() ? "Write" : "Read", r.lun, (unsigned long long)r.lba, r.len);
+        reportFailedIo(r);
     }
     sampleRequest(r, startTime);
     startTime = 0;

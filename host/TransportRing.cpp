@@ -16,6 +16,12 @@ void TransportRing::attach(td::CommandRing* commands, td::ResponseRing* response
 
 bool TransportRing::getNextRequest(td::CommandBlock*& cmd) { return td::commandRingGetNext(*mCommands, cmd); }
 
+td::CommandBlock TransportRing::takeNextRequest() {
+    td::CommandBlock* slot = nullptr;
+    while (!getNextRequest(slot)) waitForRequest();
+    return *slot;
+}
+
 bool TransportRing::waitForRequest() {
     if (td::ringCount(mCommands->header) != 0) return true;
     if (td::spinForWork(mCommands->header)) return true;

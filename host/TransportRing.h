@@ -22,6 +22,8 @@ public:
     // UsbQueueGetNextRequest: gives back the slot taken last time and takes
     // the next; null when the ring is empty.
     bool getNextRequest(td::CommandBlock*& cmd);
+    // The next command, copied out of its slot; waits until there is one.
+    td::CommandBlock takeNextRequest();
     // Blocks on the command semaphore until the ring has a command; false
     // after a wait slice with none (the caller looks at its state and retries).
     bool waitForRequest();

@@ -70,7 +70,7 @@ case "$CHECK" in
 conformance)
     start_esa
     cd "$WORK" || exit 1
-    timeout 300 iscsi-test-cu -d -x -s "$URL/0" -t ALL > "$WORK/cu.log" 2>&1
+    timeout ${ESA_CU_SECONDS:-900} iscsi-test-cu -d -x -s "$URL/0" -t ALL > "$WORK/cu.log" 2>&1
     [ $? -eq 124 ] && fail "iscsi-test-cu stalled"
     esa_alive
     # ExtendedCopy.Simple: the suite's setup writes 2048 blocks in one
