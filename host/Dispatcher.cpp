@@ -7,6 +7,8 @@
 #include "host/ClientRequest.h"
 #include "host/HRManager.h"
 #include "host/TopEnd.h"
+#include "cache/HostLbaTracker.h"
+#include "journal/writejournal/PostWriteElem.h"
 #include "journal/writejournal/WriteJournal.h"
 
 Dispatcher* Dispatcher::GetInstance() {
@@ -83,30 +85,47 @@ void Dispatcher::ProcessWriteTransactions() {
     TopEnd* top = TopEnd::GetInstance();
     HRManager* hrm = HRManager::GetInstance();
     CATManager* catm = CATManager::GetInstance();
+    HostLbaTracker* hlbat = HostLbaTracker::GetInstance();
     WriteJournal* journal = WriteJournal::GetInstance();
     for (;;) {
         semTake(mHoldOff, WAIT_FOREVER);  // one thread at a time gets a unit of work
         ++mActiveWrites;
-        ClientRequest* r = nullptr;
-        journal->PostWriteRequest(r);
-        semGive(mHoldOff);
+        PostWriteElem elem;
         bool synchronous = top->oneAtATimeOn();
+        // 1 MiB batches; in one-at-a-time mode a stream at a time.
+        bool got = journal->PostWriteRequest(elem, synchronous ? 0 : 0x800);
+        elem.thread = taskIdSelf();
+        semGive(mHoldOff);
+        if (!got) {
+            --mActiveWrites;
+            continue;
+        }
         ++mWrites;
-        StatusCode s = catm->WriteData(*r, false);
+        StatusCode s = StatusCode::Success;
+        if (elem.numTags) {
+            s = hlbat->LockRangeMultiple(elem, *elem.tracker);
+            if (s.ok()) s = catm->WriteData(elem);
+        }
         if (!s.ok()) {
             ++mFailedWrites;
             std::printf("Dispatcher: write (partially) failed %s\n", s.Dump().c_str());
         }
-        r->status = hostWriteStatus(s);
+        for (uint32_t i = 0; i < elem.numTags; ++i) {
+            ClientRequest* r = elem.items[i].request;
+            if (!r) continue;
+            StatusCode rs = r->status == StatusCode::LastStatusCode ? s : r->status;
+            r->status = hostWriteStatus(rs);
+        }
         uint32_t throttle = hrm->throttle();
-        if (synchronous && throttle != 0) {
+        if (elem.synchronous && throttle != 0) {
             ++top->mOneAtATimeWrites;
-            if (r->status.ok()) {
+            if (elem.numTags && elem.items[0].request && elem.items[0].request->status.ok()) {
                 ++top->mThrottledWrites;
                 taskDelay(int(throttle));
             }
         }
-        journal->PostWriteComplete(*r);
+        // Answers the host in one-at-a-time mode and frees the journal space.
+        journal->PostWriteComplete(elem);
         --mActiveWrites;
     }
 }

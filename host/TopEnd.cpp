@@ -6,6 +6,7 @@
 #include "cache/HostLbaTracker.h"
 #include "host/ClientRequest.h"
 #include "host/HRManager.h"
+#include "journal/writejournal/J1Tag.h"
 #include "journal/writejournal/WriteJournal.h"
 #include "system/SystemManager.h"
 #include "util/Trace.h"
@@ -23,6 +24,10 @@ StatusCode TopEnd::Initialize() {
     if (mThread != nullptr) return StatusCode::InitFailed;
     mHrm = HRManager::GetInstance();
     mJournal = WriteJournal::GetInstance();
+    // The journal answers and releases the writes it holds through this
+    // thread's rules, and asks it for the mode.
+    J1Tag::GetInstance()->hooks.releaseRequest = [](ClientRequest& r) { TopEnd::GetInstance()->ReleaseRequest(r); };
+    J1Tag::GetInstance()->hooks.oneAtATime = [] { return TopEnd::GetInstance()->oneAtATimeOn(); };
     mReadSem = semCCreate(SEM_Q_FIFO, 0);
     mStampTick = tickGet();
     mThread = taskSpawn("tHRHThread", 115, [this] { HostRequestHandlerLoop(); });
@@ -84,7 +89,8 @@ void TopEnd::handle(ClientRequest& r) {
     // answered before it enters the journal: from there on it belongs to the
     // write threads, which may finish and release it at once.
     uint64_t bytes = uint64_t(r.len) * 512;
-    bool answered = !oneAtATimeOn() && mJournal->earlyAcknowledgement();
+    // Only a write with its replay tag: the tag is what answers for the data.
+    bool answered = r.tag && !oneAtATimeOn() && mJournal->earlyAcknowledgement();
     if (answered) {
         r.status = StatusCode::Success;
         r.setFlag(ClientRequest::kHold);

@@ -127,6 +127,9 @@ std::vector<uint8_t> pattern(size_t bytes, uint8_t seed) {
 // state shows once no host command is in flight.
 bool nothingHeld(EsaProcess& esa, std::string& state) {
     for (int i = 0; i < 100; ++i) {
+        // The buffers of written data are the host write journal's until its
+        // next flush of the disks: drain it (writes may still be coming in).
+        esa.console("j1 empty");
         state = esa.console("state HRM").output;
         if (state.find("USBTransport: enabled 1 media 1 requests live 1 ") != std::string::npos &&
             state.find("MultiIssueTransport: requests live 1 SGLs in use 0/") != std::string::npos &&

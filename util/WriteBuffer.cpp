@@ -24,6 +24,17 @@ void WriteBuffer::SetWPartitionStart(unsigned char* base, uint32_t size, unsigne
     mSize = size / kUnit * kUnit;
     ESA_ASSERT_OP(mSize, >=, 3 * kUnit);
     if (word(7) == kMagic && word(3) == mSize && word(0) == kUnit) return;  // a live partition across a restart
+    formatLocked(size);
+}
+
+void WriteBuffer::Reformat() {
+    std::lock_guard<std::mutex> g(mMutex);
+    if (!mBase) return;
+    formatLocked(getLE32(info()->words[2]));
+    mSpace.notify_all();
+}
+
+void WriteBuffer::formatLocked(uint32_t size) {
     std::memset(mBase, 0, kUnit);
     setWord(0, kUnit);
     setWord(1, kUnit);

@@ -53,6 +53,10 @@ public:
     // `otherBase`: the same memory in the other mapping, or null.
     void SetWPartitionStart(unsigned char* base, uint32_t size, unsigned char* otherBase);
     bool started() const { return mBase != nullptr; }
+    // Every buffer free again: for the host write journal once its replay
+    // has put the last write of the previous run on the disks, before any
+    // host write can hold a buffer.
+    void Reformat();
 
     // First fit; null when nothing fits and `wait` is false, or when a wait
     // ends by forceWakeup.
@@ -79,6 +83,7 @@ private:
     void setWord(int i, uint32_t v);
     WriteBufferRunHeader* run(uint32_t offset) { return reinterpret_cast<WriteBufferRunHeader*>(mBase + offset); }
     unsigned char* allocateLocked(uint32_t bytes);
+    void formatLocked(uint32_t size);
     bool countFits(uint32_t count, uint32_t units);
 
     std::mutex mMutex;  // SharedPartitionSemaphore

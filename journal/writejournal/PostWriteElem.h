@@ -6,11 +6,14 @@
 // Each item is one stream: its LUN, its exact host range (first LBA and
 // length in 512-byte sectors), the host LBA cache lock on that range rounded
 // out to whole clusters (cto, taken before the batch reaches the map), the
-// request at the head of the stream and that request's transaction.
+// request at the head of the stream and that request's transaction. No two
+// items of one batch share a cluster: the map would otherwise name one
+// cluster twice.
 //
-// The journal's own fields (first tag, total tags) belong to the write
-// journal; the map reads only the items, the check-only flag (rewrite in
-// place, as replay and internal writers need) and sets the allocated flag.
+// The journal's own fields (first tag, total tags, each item's stream head)
+// belong to the write journal; the map reads only the items, the check-only
+// flag (rewrite in place, as replay and internal writers need) and sets the
+// allocated flag.
 #include <cstdint>
 
 class CacheTrackerObject;
@@ -25,6 +28,7 @@ struct PostWriteItem {
     CacheTrackerObject* cto = nullptr;
     ClientRequest* request = nullptr;  // null for an internal write-back
     IOTracker* tracker = nullptr;
+    WJTAG* head = nullptr;  // the journal's stream, for its release
 };
 
 struct PostWriteElem {
@@ -38,5 +42,8 @@ struct PostWriteElem {
     uint32_t totalTags = 0;
     uint32_t totalLength = 0;  // sectors
     IOTracker* tracker = nullptr;  // "IOT for this set"
+    void* thread = nullptr;        // the write thread working on it (diagnostics)
     PostWriteItem items[kMaxItems];
+
+    void reset() { *this = PostWriteElem(); }
 };

@@ -1,43 +1,55 @@
 #pragma once
-// WriteJournal: hands host writes from tHRHThread to the write threads.
-//
-// For now the least the host path needs: a first-in first-out list of whole
-// requests, one request per unit of work, with no journal memory of its own,
-// no coalescing and no write-back cache. Nothing is acknowledged from here:
-// earlyAcknowledgement() is false, so a write is answered by
-// PostWriteComplete once the write thread has written it through the map.
-#include <condition_variable>
+// WriteJournal: the front of J1. The request thread hands it every host write
+// (ProcessHostWrite: into the host LBA cache and the tag list); the write
+// threads take coalesced batches from it (PostWriteRequest) and give them back
+// when the map has written them (PostWriteComplete). At pack load it sets up
+// the journal over "/SHJ1" and the NVRAM buffers and replays what a power cut
+// left behind, before any host I/O.
+#include <atomic>
 #include <cstdint>
-#include <deque>
-#include <mutex>
+#include <ostream>
 
+#include "journal/writejournal/PostWriteElem.h"
 #include "util/StatusCode.h"
 
 class ClientRequest;
+class WJMemoryPool;
 
 class WriteJournal {
 public:
+    static constexpr unsigned long kReplayCacheSize = 0x10000;
+
     static WriteJournal* GetInstance();
-    StatusCode Initialize() { return StatusCode::Success; }
-    StatusCode LoadDiskPack() { return StatusCode::Success; }
-    StatusCode LoadDiskPack2() { return StatusCode::Success; }
-    StatusCode UnloadDiskPack() { return StatusCode::Success; }
 
-    // Whether a write may be answered as soon as the journal holds it.
-    bool earlyAcknowledgement() const { return false; }
-    // Takes the write into the journal; `sequence` is its place in host order.
+    StatusCode Initialize();
+    StatusCode LoadDiskPack();
+    // The replay step: after the map is loaded, before any host I/O.
+    StatusCode LoadDiskPack2();
+    StatusCode UnloadDiskPack();
+
     StatusCode ProcessHostWrite(ClientRequest& request, unsigned long sequence);
-    // Blocks until a write is ready for a write thread.
-    void PostWriteRequest(ClientRequest*& request);
-    // The write thread is done with it: the host is answered (if it was not
-    // already) with the request's status.
-    void PostWriteComplete(ClientRequest& request);
+    // Blocks until a batch is ready; false when the journal is being stopped.
+    bool PostWriteRequest(PostWriteElem& elem, unsigned long minSectors);
+    void PostWriteComplete(PostWriteElem& elem);
 
-    uint32_t queued();
+    // True once the journal is live (loaded and replayed): a write that has
+    // its replay tag may then be answered as soon as the journal holds it.
+    bool earlyAcknowledgement() const;
+    uint32_t queued() const;
+
+    WJMemoryPool* memoryPool() const { return mPool; }
+    unsigned char* journalStart() const { return mJ1Start; }
+    size_t journalSize() const { return mJ1Size; }
+    void Dump(std::ostream& out) const;
 
 private:
     WriteJournal() = default;
-    std::mutex mLock;
-    std::condition_variable mReady;
-    std::deque<ClientRequest*> mWrites;
+    // A request that will not reach the disks through the list.
+    void dropWrite(ClientRequest& request, StatusCode why);
+
+    bool mSynchronous = false;        // reserved, always false
+    WJMemoryPool* mPool = nullptr;
+    unsigned char* mJ1Start = nullptr;
+    size_t mJ1Size = 0;
+    void* mTagCache = nullptr;        // NVRAM buffer 0x10012001
 };
