@@ -74,7 +74,7 @@ TEST(ClusterSystem, AllocationsAndFreesSurviveACleanRestartAndAPowerCut) {
         EXPECT_NE(s.output.find(" " + std::to_string(runs[0].first + 100) + " free"), std::string::npos) << s.output;
         // Shorter runs on request.
         esa.console("cmFragment 100");
-        EXPECT_NE(esa.output().find("Setting max ClusterRun length to 100"), std::string::npos);
+        EXPECT_TRUE(esa.waitForOutput("Setting max ClusterRun length to 100")) << esa.output();
         ConsoleResult b = esa.console("allocclusters 1000");
         for (const PooledRun& r : runsIn(b.output)) EXPECT_LE(r.count, 100u) << b.output;
         EXPECT_EQ(esa.console("cmFragment 262080").rc, 0);
@@ -133,8 +133,7 @@ TEST(ClusterSystem, SurplusEmptyZonesAreGivenBackAndTheLowestIsKept) {
     ASSERT_EQ(owned.size(), 3u) << zones;
     esa.console("cmparse");
     for (size_t i = 1; i < owned.size(); ++i)
-        EXPECT_NE(esa.output().find("Freeing zone " + std::to_string(owned[i]) + " as we have too many empty Zones"),
-                  std::string::npos)
+        EXPECT_TRUE(esa.waitForOutput("Freeing zone " + std::to_string(owned[i]) + " as we have too many empty Zones"))
             << esa.output();
     const std::string after = body(esa.console("cmzones"));
     EXPECT_NE(after.find("zone " + std::to_string(owned[0]) + " free"), std::string::npos) << after;

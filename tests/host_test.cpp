@@ -230,7 +230,7 @@ TEST(HostPath, BadInputGetsTheRightSenseAndChangesNothing) {
     r = s.raw(0, {0xea, 0, 0, 0, 0, 0, 0, 0, 0x02, 0, 0, 0}, SCSI_XFER_READ, 512);
     EXPECT_EQ(r.key, SCSI_SENSE_ILLEGAL_REQUEST);
     EXPECT_EQ(r.ascq, 0x2000);
-    EXPECT_NE(host.esa.output().find("not supported yet"), std::string::npos);
+    EXPECT_TRUE(host.esa.waitForOutput("not supported yet")) << host.esa.output();
 
     // None of it changed a byte.
     EXPECT_EQ(s.read(0, 64, 4096).data, data);

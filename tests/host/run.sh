@@ -73,13 +73,12 @@ conformance)
     timeout ${ESA_CU_SECONDS:-900} iscsi-test-cu -d -x -s "$URL/0" -t ALL > "$WORK/cu.log" 2>&1
     [ $? -eq 124 ] && fail "iscsi-test-cu stalled"
     esa_alive
-    # ExtendedCopy.Simple: the suite's setup writes 2048 blocks in one
-    # command, beyond the maximum transfer length of 1024 blocks the Block
-    # Limits page gives; the target refuses it as the standard asks. The
-    # target's side of that is mended apart from the host path.
+    # Every test case the suite runs must pass (the target runs a data
+    # command larger than one system request in pieces, so ExtendedCopy's
+    # 2048-block setup write is served too).
     python3 - "$WORK/CUnitAutomated-Results.xml" <<'PY' || fail "conformance"
 import re, sys
-expected = {("ExtendedCopy", "Simple")}
+expected = set()
 x = open(sys.argv[1]).read()
 unexpected = []
 for part in re.split(r"<SUITE_NAME>", x)[1:]:
@@ -117,15 +116,16 @@ qemu)
     ;;
 load_verify)
     start_esa
-    # Mixed sizes from 512 bytes to the largest transfer (1024 blocks, what
-    # the Block Limits page allows), each at queue depth 32, all at once:
+    # Mixed sizes from 512 bytes to 1 MiB (beyond the 1024 blocks the Block
+    # Limits page asks for; the target runs such a command in pieces), each
+    # at queue depth 32, all at once:
     # each size on LUN 0 or a LUN of its own, so that every verifier owns
     # the blocks it checks.
     # The LUNs are made first: a LUN made while a host is logged in is a unit
     # attention to that host, which esa-load counts as an error.
-    for _ in 1 2 3 4; do console createLun 64m > /dev/null || fail "createLun"; done
+    for _ in 1 2 3 4 5; do console createLun 64m > /dev/null || fail "createLun"; done
     i=0
-    for bs in 512 4k 64k 128k 512k; do
+    for bs in 512 4k 64k 128k 512k 1m; do
         "$BIN/esa-load" "$URL/$i" --verify --pattern rand --rw mix --bs $bs --qd 32 --bytes 32m --range 16m \
             --seed $((i + 1)) > "$WORK/load$i.log" 2>&1 &
         eval "L$i=\$!"
