@@ -23,17 +23,12 @@
 #include <map>
 #include <mutex>
 #include <random>
-#include <regex>
 #include <thread>
 #include <vector>
 
-extern "C" {
-#include <iscsi/iscsi.h>
-#include <iscsi/scsi-lowlevel.h>
-}
-
 #include "platform/board/Board.h"
 #include "tests/support/EsaProcess.h"
+#include "tests/support/IscsiHost.h"
 #include "tests/support/PackImage.h"
 #include "tests/support/TestBoard.h"
 #include "tools/esa-load/VerifyBlock.h"
@@ -44,7 +39,6 @@ constexpr uint64_t kAreaStart = 2048;   // sectors
 constexpr uint32_t kAreaSectors = 8192;  // 4 MiB: the writers meet often
 constexpr uint32_t kMaxWrite = 256;      // 128 KiB
 constexpr uint64_t kSeed = 0x4a31;
-constexpr const char* kTarget = "iqn.2026-11.local.esa:array";
 
 unsigned soakIterations() {
     const char* v = std::getenv("ESA_SOAK_ITERATIONS");
@@ -95,29 +89,10 @@ private:
     std::map<uint64_t, HostWrite> mWrites;
 };
 
-struct Connection {
-    iscsi_context* ctx = nullptr;
-    ~Connection() {
-        if (ctx) iscsi_destroy_context(ctx);
-    }
-    bool open(uint16_t port, int number) {
-        std::string name = "iqn.2026-11.local.test:j1-" + std::to_string(::getpid()) + "-" + std::to_string(number);
-        ctx = iscsi_create_context(name.c_str());
-        if (!ctx) return false;
-        iscsi_set_targetname(ctx, kTarget);
-        iscsi_set_session_type(ctx, ISCSI_SESSION_NORMAL);
-        iscsi_set_header_digest(ctx, ISCSI_HEADER_DIGEST_NONE);
-        iscsi_set_noautoreconnect(ctx, 1);
-        iscsi_set_timeout(ctx, 30);
-        std::string portal = "127.0.0.1:" + std::to_string(port);
-        return iscsi_full_connect_sync(ctx, portal.c_str(), 0) == 0;
-    }
-};
-
 // Writes until the target goes away or `stop` is set.
 void writer(uint16_t port, int number, uint64_t seed, AckLog& log, std::atomic<bool>& stop) {
-    Connection c;
-    if (!c.open(port, number)) return;
+    IscsiConnection c;
+    if (!c.open(port, "j1-" + std::to_string(number))) return;
     std::mt19937_64 r(seed);
     std::vector<uint8_t> buffer(kMaxWrite * 512);
     while (!stop) {
@@ -132,14 +107,6 @@ void writer(uint16_t port, int number, uint64_t seed, AckLog& log, std::atomic<b
         if (!good) return;  // the power went
         log.acknowledge(gen);
     }
-}
-
-uint16_t portOf(EsaProcess& esa) {
-    if (!esa.waitForOutput("listening on")) return 0;
-    std::smatch m;
-    std::string out = esa.output();
-    if (!std::regex_search(out, m, std::regex("listening on [0-9.]+:[0-9]+ \\(port ([0-9]+)\\)"))) return 0;
-    return uint16_t(std::stoul(m[1]));
 }
 
 bool packLoaded(EsaProcess& esa) {
@@ -171,7 +138,7 @@ protected:
     // One run of the writers against a started esa, ended by `cut` (which
     // returns once the power is off).
     void writeUntilCut(EsaProcess& esa, uint64_t seed, const std::function<void()>& cut) {
-        uint16_t port = portOf(esa);
+        uint16_t port = iscsiPortOf(esa);
         ASSERT_NE(port, 0) << esa.output();
         ASSERT_TRUE(packLoaded(esa)) << esa.output();
         std::atomic<bool> stop{false};
@@ -186,7 +153,7 @@ protected:
     // acknowledged sector reads back.
     void startAndVerify(const std::string& context) {
         EsaProcess esa(board.dir().string(), {}, env());
-        uint16_t port = portOf(esa);
+        uint16_t port = iscsiPortOf(esa);
         ASSERT_NE(port, 0) << context << esa.output();
         ASSERT_TRUE(packLoaded(esa)) << context << esa.output();
         ConsoleResult check = esa.console("metacheck ext");
@@ -196,8 +163,8 @@ protected:
     }
 
     void verifyArea(uint16_t port, const std::string& context) {
-        Connection c;
-        ASSERT_TRUE(c.open(port, 99)) << context;
+        IscsiConnection c;
+        ASSERT_TRUE(c.open(port, "j1-check")) << context;
         // Per sector, the writes that cover it.
         std::map<uint64_t, std::vector<const HostWrite*>> cover;
         for (const auto& [gen, w] : log->writes())

@@ -188,6 +188,9 @@ bool SoakDriver::restartAndCheck(Round& round, SoakTally& tally) {
         workingOutput("esa-restart.out", esa.output());
         return false;
     }
+    ConsoleResult metacheck = runConsoleCommand(mBoard, "metacheck ext");
+    if (metacheck.output.find("All checks passed OK.") == std::string::npos)
+        tally.failures.push_back(after + ": metacheck ext is not clean:\n" + metacheck.output);
     const uint64_t lostBefore = tally.lost;
     for (size_t i = 0; i < mWorkloads.size(); ++i) mWorkloads[i]->check(mBoard, *mLogs[i], tally);
     runConsoleCommand(mBoard, "j2flush");

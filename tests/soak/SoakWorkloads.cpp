@@ -1,11 +1,15 @@
 #include "tests/soak/SoakWorkloads.h"
 
+#include <chrono>
 #include <map>
 #include <set>
 #include <sstream>
+#include <thread>
 
 #include "tests/support/EsaProcess.h"
+#include "tests/support/IscsiHost.h"
 #include "tests/support/PackImage.h"
+#include "tools/esa-load/VerifyBlock.h"
 
 namespace {
 
@@ -156,4 +160,119 @@ void ZoneChurnWorkload::check(const std::string& board, const AckLog& log, SoakT
                                  (inUse ? "allocated" : "freed") + " but now " + (nowInUse ? "in use" : "free") +
                                  ":\n" + r.output);
     }
+}
+
+// ---- host writes over iSCSI
+
+namespace {
+
+constexpr uint64_t kHostSectorSeed = 0x50a4;
+
+// Connects to the esa on `port` once its target listens and the pack is
+// loaded; gives up when `stop` is set or the esa is gone.
+bool connectHost(IscsiConnection& c, uint16_t port, const std::string& board, const std::atomic<bool>& stop) {
+    while (!stop) {
+        ConsoleResult state = runConsoleCommand(board, "state DPM");
+        if (gone(state)) return false;
+        if (state.output.find("DISK PACK IS LOADED") != std::string::npos && c.open(port, "soak")) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return false;
+}
+
+struct HostWriteRecord {
+    uint64_t gen = 0, lba = 0;
+    uint32_t sectors = 0;
+};
+
+// "write GEN LBA SECTORS"
+bool parseHostWrite(const std::string& request, HostWriteRecord& w) {
+    auto v = words(request);
+    if (v.size() != 4 || v[0] != "write") return false;
+    w.gen = std::stoull(v[1]);
+    w.lba = std::stoull(v[2]);
+    w.sectors = uint32_t(std::stoul(v[3]));
+    return true;
+}
+
+}  // namespace
+
+void HostWriteWorkload::environment(std::map<std::string, std::string>& env) {
+    mPort = freeLocalPort();
+    env["ESA_PORTAL"] = "127.0.0.1:" + std::to_string(mPort);
+}
+
+void HostWriteWorkload::run(const std::string& board, AckLog& log, std::mt19937_64& random,
+                            const std::atomic<bool>& stop) {
+    IscsiConnection c;
+    if (!connectHost(c, mPort, board, stop)) return;
+    // Generations go on from the log, so that each write of the soak has its own.
+    uint64_t gen = log.entries().size() + 1;
+    std::vector<uint8_t> buffer(kMostSectors * verify::kSector);
+    while (!stop) {
+        uint32_t sectors = 1 + uint32_t(random() % kMostSectors);
+        uint64_t lba = kAreaStart + random() % (kAreaSectors - sectors + 1);
+        for (uint32_t s = 0; s < sectors; ++s)
+            verify::fillSector(buffer.data() + s * verify::kSector, 0, lba + s, gen, kHostSectorSeed);
+        std::string request = "write " + std::to_string(gen) + " " + std::to_string(lba) + " " + std::to_string(sectors);
+        log.intent(request);
+        scsi_task* task = iscsi_write16_sync(c.ctx, 0, lba, buffer.data(), sectors * verify::kSector,
+                                             verify::kSector, 0, 0, 0, 0, 0);
+        const bool good = task && task->status == SCSI_STATUS_GOOD;
+        if (task) scsi_free_scsi_task(task);
+        if (!good) return;  // the power went: the write stays in flight
+        log.ack(request);
+        ++gen;
+    }
+}
+
+void HostWriteWorkload::check(const std::string& board, const AckLog& log, SoakTally& tally) {
+    // Per sector, the generations it may hold: the last acknowledged write
+    // covering it and any write to it in flight at a cut since. A sector no
+    // acknowledged write covered is not checked.
+    std::map<uint64_t, std::vector<uint64_t>> allowed;
+    for (auto& e : log.entries()) {
+        HostWriteRecord w;
+        if (!parseHostWrite(e.request, w)) continue;
+        for (uint64_t lba = w.lba; lba < w.lba + w.sectors; ++lba) {
+            if (e.acknowledged) allowed[lba] = {w.gen};
+            else if (auto it = allowed.find(lba); it != allowed.end()) it->second.push_back(w.gen);
+        }
+    }
+    if (allowed.empty()) return;
+    std::atomic<bool> never{false};
+    IscsiConnection c;
+    if (!connectHost(c, mPort, board, never)) {
+        tally.failures.push_back("hostwrite: no iSCSI connection to the restarted esa on port " +
+                                 std::to_string(mPort));
+        return;
+    }
+    std::set<uint64_t> writesChecked, writesLost;
+    for (uint64_t start = kAreaStart; start < kAreaStart + kAreaSectors; start += kMostSectors) {
+        scsi_task* task = iscsi_read16_sync(c.ctx, 0, start, kMostSectors * verify::kSector, verify::kSector, 0, 0,
+                                            0, 0, 0);
+        if (!task || task->status != SCSI_STATUS_GOOD || task->datain.size < int(kMostSectors * verify::kSector)) {
+            tally.failures.push_back("hostwrite: the read at LBA " + std::to_string(start) + " failed");
+            if (task) scsi_free_scsi_task(task);
+            return;
+        }
+        for (uint32_t s = 0; s < kMostSectors; ++s) {
+            auto it = allowed.find(start + s);
+            if (it == allowed.end()) continue;
+            const uint8_t* sector = task->datain.data + s * verify::kSector;
+            const uint64_t expected = it->second.front();  // the acknowledged one
+            writesChecked.insert(expected);
+            const uint64_t found = verify::get64(sector + 16);
+            bool known = false;
+            for (uint64_t g : it->second) known |= g == found;
+            std::string bad = verify::checkSector(sector, 0, start + s, known ? found : expected, kHostSectorSeed);
+            if (bad.empty()) continue;
+            if (writesLost.insert(expected).second && writesLost.size() <= 10)
+                tally.failures.push_back("hostwrite: LBA " + std::to_string(start + s) + " of acknowledged write " +
+                                         std::to_string(expected) + ": " + bad);
+        }
+        scsi_free_scsi_task(task);
+    }
+    tally.checked += writesChecked.size();
+    tally.lost += writesLost.size();
 }

@@ -1,7 +1,7 @@
-// The power-cut soak on the real esa (SoakDriver): Zone patterns and Zone
-// churn in flight, cuts at moments the board draws and at named crash points,
+// The power-cut soak on the real esa (SoakDriver): Zone patterns, Zone churn
+// and a host writing over iSCSI in flight, cuts at moments the board draws and at named crash points,
 // and after every cut every acknowledged write checked and the pack's records
-// checked on the images. CI runs a few cuts; ESA_SOAK_ITERATIONS and
+// checked with `metacheck ext` and on the images. CI runs a few cuts; ESA_SOAK_ITERATIONS and
 // ESA_SOAK_SECONDS run a long soak (ESA_SOAK_SEED replays one).
 //
 // With ESA_SOAK_FIGURE=1 it also prints the soak's rate as a figure line,
@@ -39,6 +39,7 @@ TEST(Soak, NothingAcknowledgedIsLostAcrossPowerCuts) {
     std::vector<std::unique_ptr<SoakWorkload>> workloads;
     workloads.push_back(std::make_unique<ZonePatternWorkload>());
     workloads.push_back(std::make_unique<ZoneChurnWorkload>());
+    workloads.push_back(std::make_unique<HostWriteWorkload>());
     SoakDriver driver(options, std::move(workloads));
     const auto start = std::chrono::steady_clock::now();
     SoakTally tally = driver.run();
