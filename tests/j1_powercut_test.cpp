@@ -91,7 +91,7 @@ private:
 
 // Writes until the target goes away or `stop` is set.
 void writer(uint16_t port, int number, uint64_t seed, AckLog& log, std::atomic<bool>& stop) {
-    IscsiConnection c;
+    IscsiHostConnection c;
     if (!c.open(port, "j1-" + std::to_string(number))) return;
     std::mt19937_64 r(seed);
     std::vector<uint8_t> buffer(kMaxWrite * 512);
@@ -163,7 +163,7 @@ protected:
     }
 
     void verifyArea(uint16_t port, const std::string& context) {
-        IscsiConnection c;
+        IscsiHostConnection c;
         ASSERT_TRUE(c.open(port, "j1-check")) << context;
         // Per sector, the writes that cover it.
         std::map<uint64_t, std::vector<const HostWrite*>> cover;

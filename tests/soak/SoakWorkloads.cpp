@@ -170,7 +170,7 @@ constexpr uint64_t kHostSectorSeed = 0x50a4;
 
 // Connects to the esa on `port` once its target listens and the pack is
 // loaded; gives up when `stop` is set or the esa is gone.
-bool connectHost(IscsiConnection& c, uint16_t port, const std::string& board, const std::atomic<bool>& stop) {
+bool connectHost(IscsiHostConnection& c, uint16_t port, const std::string& board, const std::atomic<bool>& stop) {
     while (!stop) {
         ConsoleResult state = runConsoleCommand(board, "state DPM");
         if (gone(state)) return false;
@@ -204,7 +204,7 @@ void HostWriteWorkload::environment(std::map<std::string, std::string>& env) {
 
 void HostWriteWorkload::run(const std::string& board, AckLog& log, std::mt19937_64& random,
                             const std::atomic<bool>& stop) {
-    IscsiConnection c;
+    IscsiHostConnection c;
     if (!connectHost(c, mPort, board, stop)) return;
     // Generations go on from the log, so that each write of the soak has its own.
     uint64_t gen = log.entries().size() + 1;
@@ -241,7 +241,7 @@ void HostWriteWorkload::check(const std::string& board, const AckLog& log, SoakT
     }
     if (allowed.empty()) return;
     std::atomic<bool> never{false};
-    IscsiConnection c;
+    IscsiHostConnection c;
     if (!connectHost(c, mPort, board, never)) {
         tally.failures.push_back("hostwrite: no iSCSI connection to the restarted esa on port " +
                                  std::to_string(mPort));

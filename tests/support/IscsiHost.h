@@ -1,8 +1,8 @@
 #pragma once
-// A test host on esa's iSCSI target through libiscsi: one synchronous
-// connection to LUN 0 of the array's target, the portal esa printed when it
-// chose a free port itself, and a free local port for a portal chosen ahead
-// of a start.
+// A test host on esa's iSCSI target through libiscsi (the initiator's side,
+// not the target's IscsiConnection): one synchronous connection to LUN 0 of
+// the array's target, the portal esa printed when it chose a free port
+// itself, and a free local port for a portal chosen ahead of a start.
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -20,12 +20,12 @@ extern "C" {
 
 constexpr const char* kEsaTargetName = "iqn.2026-11.local.esa:array";
 
-struct IscsiConnection {
+struct IscsiHostConnection {
     iscsi_context* ctx = nullptr;
-    IscsiConnection() = default;
-    IscsiConnection(const IscsiConnection&) = delete;
-    IscsiConnection& operator=(const IscsiConnection&) = delete;
-    ~IscsiConnection() {
+    IscsiHostConnection() = default;
+    IscsiHostConnection(const IscsiHostConnection&) = delete;
+    IscsiHostConnection& operator=(const IscsiHostConnection&) = delete;
+    ~IscsiHostConnection() {
         if (ctx) iscsi_destroy_context(ctx);
     }
     // `initiator` makes the initiator's name unique among the test's connections.
