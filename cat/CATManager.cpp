@@ -281,9 +281,14 @@ StatusCode CATManager::WriteBackRangeMultiple(PostWriteElem& elem) {
     if (numAllocated) elem.allocated = true;
     // The data of every set that committed go to the Zones, even when a
     // later set of the batch failed: the map already names those clusters.
-    ClusterManager* cm = ClusterManager::GetInstance();
+    // Runs that follow each other in one Zone (the clusters of a batch are
+    // allocated in one go, so the items of a batch of small random writes
+    // usually lie end to end) are joined into one Zone write: whole stripe
+    // lines need no read of old data, and one write per run costs one round
+    // trip instead of one per item.
     std::set<uint32_t> zones;
     StatusCode first = st;
+    JoinedRun joined;
     for (const PlacedRun& r : runs) {
         const PostWriteItem& it = elem.items[r.item];
         if (it.request && it.request->status != StatusCode::Success &&
@@ -292,15 +297,17 @@ StatusCode CATManager::WriteBackRangeMultiple(PostWriteElem& elem) {
             continue;
         }
         DataWindow window(it.cto->mWindow, r.clusterOffset * 4096, r.run.numberOfClusters * 4096);
-        ++mCounters.zoneWrites;
-        StatusCode w = ZoneManager::GetInstance()->WriteData(r.run.zone, cm->LocateCluster(r.run.firstCluster), window,
-                                                             *elem.tracker);
-        if (!w.ok()) {
-            setItemStatus(elem, r.item, w);
-            if (first.ok()) first = w;
+        if (!joined.extends(r.run)) {
+            writeJoinedRun(elem, joined, first);
+            joined.start(r.run);
+        } else {
+            joined.run.numberOfClusters += r.run.numberOfClusters;
         }
+        joined.window.add(window);
+        joined.items.push_back(r.item);
         zones.insert(r.run.zone);
     }
+    writeJoinedRun(elem, joined, first);
     // One-at-a-time: the answer waits until the data are on the disks.
     if (elem.synchronous)
         for (uint32_t z : zones) {
@@ -344,6 +351,20 @@ StatusCode CATManager::checkBatch(PostWriteElem& elem, uint32_t& numAllocated, s
 }
 
 // ---- the map change of a batch ---------------------------------------------------
+
+void CATManager::writeJoinedRun(PostWriteElem& elem, JoinedRun& joined, StatusCode& first) {
+    if (joined.items.empty()) return;
+    ++mCounters.zoneWrites;
+    StatusCode w = ZoneManager::GetInstance()->WriteData(
+        joined.run.zone, ClusterManager::GetInstance()->LocateCluster(joined.run.firstCluster), joined.window,
+        *elem.tracker);
+    if (!w.ok()) {
+        for (uint32_t item : joined.items) setItemStatus(elem, item, w);
+        if (first.ok()) first = w;
+    }
+    joined.items.clear();
+    joined.window.clear();
+}
 
 StatusCode CATManager::mapBatch(PostWriteElem& elem, uint32_t& numAllocated, std::vector<PlacedRun>& runs) {
     numAllocated = 0;

@@ -52,6 +52,17 @@ public:
         uint32_t item = 0;
         uint32_t clusterOffset = 0;
     };
+    // Placed runs that lie end to end in one Zone, written with one call.
+    struct JoinedRun {
+        ClusterRun run;
+        DataWindow window;
+        std::vector<uint32_t> items;
+        bool extends(const ClusterRun& next) const {
+            return !items.empty() && next.zone == run.zone &&
+                   next.firstCluster == run.firstCluster + run.numberOfClusters;
+        }
+        void start(const ClusterRun& r) { run = r; }
+    };
 
     static CATManager* GetInstance();
 
@@ -142,6 +153,7 @@ private:
     StatusCode mapSet(PostWriteElem& elem, const std::vector<Piece>& pieces, uint32_t& consumed,
                       uint32_t& numAllocated, std::vector<PlacedRun>& runs);
     void setItemStatus(PostWriteElem& elem, uint32_t item, StatusCode st);
+    void writeJoinedRun(PostWriteElem& elem, JoinedRun& joined, StatusCode& first);
     StatusCode writeArea(IOTracker& tracker);
 
     LockObject mLock;

@@ -133,6 +133,15 @@ void ZoneWriteCooperation::completeLine(int slot, uint32_t zone, uint32_t line, 
         bool frontMissing = false, endMissing = false;
         takeMissing(slot, zone, line, pos, length, active, retry, frontMissing, endMissing);
         if (!frontMissing && !endMissing) return;
+        // Only a missing end is worth a wait: the clusters of a batch are
+        // placed after those of the batches before it, so the piece in front
+        // was recorded before this one or has already been written, and no
+        // later record would wake a thread that waits for its front. A
+        // missing front alone is filled from disk at once.
+        if (!endMissing && !retry) {
+            ESA_TRACE(zmCoopTrace, "WriteDataNoLock: --- Thread " << slot << " missing START, not waiting");
+            return;
+        }
         if (retry) {
             ESA_TRACE(zmCoopTrace, "WriteDataNoLock: --- Thread "
                                        << slot << " missing data it could not find even after rechecking:"

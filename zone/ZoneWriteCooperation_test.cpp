@@ -149,6 +149,25 @@ TEST(ZoneWriteCooperation, AWaitEndsAfterATenthOfASecondAndTheGapIsLeft) {
     EXPECT_EQ(coop.waiters(), 0u);
 }
 
+TEST(ZoneWriteCooperation, APieceMissingOnlyItsFrontGoesOnWithoutWaiting) {
+    // The piece in front of it was placed earlier and has been written: no
+    // one would ever wake a wait for it, so the writer fills it from disk at
+    // once, with no clock moving.
+    ZoneWriteCooperation coop;
+    DataWindow piece = bytes(kLine - 0x1000, 0x1000);
+    uint32_t pos = kLine - 0x1000, length = 0x1000;
+    DataWindow active(piece, 0, 0x1000);
+    auto a = runAs("tWPThread2", [&] {
+        coop.record(2, 2, pos, length, &piece);
+        coop.completeLine(2, 2, kLine, pos, length, active);
+        coop.clear(2);
+    });
+    a.join();
+    EXPECT_EQ(coop.waits(), 0u);
+    EXPECT_EQ(pos, kLine - 0x1000);
+    EXPECT_EQ(length, 0x1000u);
+}
+
 TEST(ZoneWriteCooperation, NoMoreThanFiveThreadsWaitAtOnce) {
     ZoneWriteCooperation coop;
     std::vector<DataWindow> pieces;
