@@ -2,6 +2,7 @@
 #include "cache/CacheRangeTracker.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 
 #include "cache/CacheDiagnostics.h"
@@ -193,10 +194,18 @@ void CacheRangeTracker::destroyCro(CacheRangeObject* cro, bool extending) {
 
 void CacheRangeTracker::SyncOnCROAvailable(CacheRangeObject* busy) {
     ++mStats.backoffs;
-    ++busy->mSyncWaiters;
+    const bool firstWaiter = busy->mSyncWaiters++ == 0;
     mLock.LockRelease();
-    busy->mLock.LockExclusive();
-    busy->mLock.LockRelease();
+    if (firstWaiter) {
+        busy->mLock.LockExclusive();
+        busy->mLock.LockRelease();
+        std::lock_guard<std::mutex> g(mSyncMutex);
+        mSyncDone.notify_all();
+    } else {
+        // A wake that came before this wait began is made up for by the bound.
+        std::unique_lock<std::mutex> g(mSyncMutex);
+        mSyncDone.wait_for(g, std::chrono::milliseconds(2));
+    }
     mLock.LockExclusive();
     if (--busy->mSyncWaiters == 0 && busy->mZombie) delete busy;
 }

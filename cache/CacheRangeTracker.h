@@ -18,8 +18,10 @@
 //
 // Subclasses say what a set is and how a missing range is read
 // (ReadRangeNotPresent) and a dirty one written (WriteBackRange).
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <mutex>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -226,7 +228,11 @@ protected:
     StatusCode LockRangeHelper(uint32_t set, uint64_t start, uint32_t length, CacheTrackerObject*& cto,
                                IOTracker& tracker, CacheRangeObject*& busy, uint32_t roundTo);
     // Called with mLock held; returns with it held again, having waited for
-    // the busy CRO's range lock with mLock released.
+    // the busy CRO's range lock with mLock released. Only the first waiter of
+    // a CRO queues on its lock; later ones wait (briefly, bounded) for that
+    // waiter to be done. Two waiters queued on one lock would each be handed
+    // it in turn and each find it held by the other's wait when they look
+    // again, and so hand it back and forth for as long as both keep trying.
     void SyncOnCROAvailable(CacheRangeObject* busy);
     StatusCode LookupRangeInternal(CacheTrackerObject* cto, bool noRead, bool queued, IOTracker& tracker);
     StatusCode ModifyRange(uint32_t set, uint64_t start, uint32_t length, CacheRangeObject*& iterator,
@@ -245,6 +251,9 @@ protected:
 
     std::unique_ptr<MemoryPool> mMemoryPool;
     TrackerLock mLock;
+    // Woken when a waiter of SyncOnCROAvailable has had its CRO's lock.
+    std::mutex mSyncMutex;
+    std::condition_variable mSyncDone;
     bool mOwnsPool = false;
     std::deque<CROList> mSets;
     std::deque<SplayNode*> mRoots;

@@ -192,6 +192,35 @@ TEST_F(CacheRangeTrackerTest, AddRangeOverThreeRangesLeavesOneRangeAndTrimmedNei
     tracker.checkSetInvariants(0);
 }
 
+TEST_F(CacheRangeTrackerTest, TwoThreadsWaitingForOneBusyRangeBothGoOnOnceItIsFree) {
+    // A host write adding a range and a finished write-back removing the same
+    // range both find it locked by the write-back in progress. Once it is
+    // unlocked each must go on after a wait or two, not hand the range's lock
+    // to the other and back for as long as both keep trying.
+    readRange(0, 0, 8);
+    IOTracker owner(READ_ONLY);
+    CacheTrackerObject* held = nullptr;
+    ASSERT_EQ(tracker.LockAndLookupRange(0, 0, 8, held, owner), StatusCode::Success);
+    const uint64_t before = tracker.stats().backoffs;
+    std::thread remover([&] {
+        IOTracker t(READ_ONLY);
+        EXPECT_EQ(tracker.InvalidateRange(0, 0, 8, t), StatusCode::Success);
+    });
+    std::thread adder([&] {
+        IOTracker t(READ_WRITE);
+        DataStore* store = tracker.pool().GetBlocks(8);
+        DataWindow w(*store, 0, 8 * 512);
+        w.ZeroInit();
+        EXPECT_EQ(tracker.AddRange(0, 0, 8, store, t), StatusCode::Success);
+    });
+    ASSERT_TRUE(eventually([&] { return tracker.stats().backoffs >= before + 2; }));
+    tracker.UnlockRange(held);
+    remover.join();
+    adder.join();
+    EXPECT_LT(tracker.stats().backoffs - before, 40u);
+    tracker.checkSetInvariants(0);
+}
+
 TEST_F(CacheRangeTrackerTest, FailedReadReturnsAfterUnlockAndLeavesNoStorelessRange) {
     tracker.failReads = true;
     IOTracker t(READ_ONLY);
