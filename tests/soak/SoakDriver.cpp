@@ -209,7 +209,15 @@ void SoakDriver::keepFailure(const Round& round, const SoakTally& tally) {
     keep /= "esa-soak-failed-" + std::to_string(mOptions.seed) + "-" + std::to_string(round.number);
     std::error_code ec;
     fs::create_directories(keep, ec);
-    fs::copy(mWork, keep, fs::copy_options::recursive | fs::copy_options::overwrite_existing, ec);
+    // File by file: the board holds the console's socket, on which a
+    // recursive copy stops, leaving the images and the outputs behind.
+    for (auto it = fs::recursive_directory_iterator(mWork, ec); !ec && it != fs::recursive_directory_iterator();
+         it.increment(ec)) {
+        const fs::path to = keep / fs::relative(it->path(), mWork);
+        std::error_code one;
+        if (it->is_directory(one)) fs::create_directories(to, one);
+        else if (it->is_regular_file(one)) fs::copy_file(it->path(), to, fs::copy_options::overwrite_existing, one);
+    }
     std::ofstream(keep / "FAILURE") << "ESA_SOAK_SEED=" << mOptions.seed << " round " << round.number << " ("
                                     << round.how << ", ESA_DRIVE_SEED=" << round.driveSeed << ")\n"
                                     << tally.summary() << "\n";

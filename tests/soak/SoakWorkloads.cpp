@@ -1,6 +1,10 @@
 #include "tests/soak/SoakWorkloads.h"
 
+#include <signal.h>
+
 #include <chrono>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <set>
 #include <sstream>
@@ -27,7 +31,20 @@ std::string join(const std::vector<unsigned>& values) {
 }
 
 // The console broke: the esa is gone (the cut came).
-bool gone(const ConsoleResult& r) { return r.rc == -1000; }
+// The console gave no answer and the esa of the board is no longer running
+// (a console call that fails while esa runs, under a heavily loaded
+// machine, is tried again by the caller).
+bool gone(const ConsoleResult& r, const std::string& board) {
+    if (r.rc != -1000) return false;
+    std::ifstream in(board + "/esa.pid");
+    pid_t pid = 0;
+    if (!(in >> pid) || pid <= 0 || ::kill(pid, 0) != 0) return true;
+    // A cut esa not yet reaped by its parent is gone too.
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    const size_t paren = text.rfind(')');
+    return paren == std::string::npos || paren + 2 >= text.size() || text[paren + 2] == 'Z';
+}
 
 }  // namespace
 
@@ -58,7 +75,7 @@ void ZonePatternWorkload::run(const std::string& board, AckLog& log, std::mt1993
         ConsoleResult r = runConsoleCommand(board, "writeVerifyZM " + std::to_string(zone) + " " +
                                                        std::to_string(slot * kSlotBytes) + " " +
                                                        std::to_string(kSlotBytes) + " " + std::to_string(seed));
-        if (gone(r)) return;
+        if (gone(r, board)) return;
         if (r.rc == 0) log.ack(request);
         else log.refused(std::to_string(r.rc) + " " + r.output.substr(r.output.find('\n') + 1));
     }
@@ -109,7 +126,7 @@ void ZoneChurnWorkload::run(const std::string& board, AckLog& log, std::mt19937_
             unsigned n = 1 + unsigned(random() % 3);
             log.intent("alloc " + std::to_string(n));
             ConsoleResult r = runConsoleCommand(board, "alloczones " + std::to_string(n));
-            if (gone(r)) return;
+            if (gone(r, board)) return;
             std::vector<unsigned> zones = packimage::allocatedZonesIn(r.output);
             // Each Zone printed was committed, even when a later one failed.
             log.ack("alloc " + std::to_string(n) + join(zones));
@@ -121,7 +138,7 @@ void ZoneChurnWorkload::run(const std::string& board, AckLog& log, std::mt19937_
             unsigned zone = *it;
             log.intent("free " + std::to_string(zone));
             ConsoleResult r = runConsoleCommand(board, "deallocateZone " + std::to_string(zone));
-            if (gone(r)) return;
+            if (gone(r, board)) return;
             live.erase(zone);
             if (r.rc == 0) log.ack("free " + std::to_string(zone));
         }
@@ -173,7 +190,7 @@ constexpr uint64_t kHostSectorSeed = 0x50a4;
 bool connectHost(IscsiHostConnection& c, uint16_t port, const std::string& board, const std::atomic<bool>& stop) {
     while (!stop) {
         ConsoleResult state = runConsoleCommand(board, "state DPM");
-        if (gone(state)) return false;
+        if (gone(state, board)) return false;
         if (state.output.find("DISK PACK IS LOADED") != std::string::npos && c.open(port, "soak")) return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
