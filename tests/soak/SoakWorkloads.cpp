@@ -1,10 +1,11 @@
 #include "tests/soak/SoakWorkloads.h"
 
+#include <fcntl.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <set>
 #include <sstream>
@@ -40,8 +41,15 @@ bool gone(const ConsoleResult& r, const std::string& board) {
     pid_t pid = 0;
     if (!(in >> pid) || pid <= 0 || ::kill(pid, 0) != 0) return true;
     // A cut esa not yet reaped by its parent is gone too.
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    // Read with plain calls: a stream reading /proc throws when the process
+    // goes away under it.
+    std::string text;
+    if (int fd = ::open(("/proc/" + std::to_string(pid) + "/stat").c_str(), O_RDONLY | O_CLOEXEC); fd >= 0) {
+        char buf[512];
+        ssize_t n = ::read(fd, buf, sizeof buf);
+        if (n > 0) text.assign(buf, size_t(n));
+        ::close(fd);
+    }
     const size_t paren = text.rfind(')');
     return paren == std::string::npos || paren + 2 >= text.size() || text[paren + 2] == 'Z';
 }
