@@ -276,3 +276,73 @@ TEST_F(J1PowerCut, CutsDuringTheReplayAreRepairedByTheNextStart) {
     }
     startAndVerify("cuts during replay");
 }
+
+namespace {
+
+// The small workload of the sweep: one host, one write at a time, sizes from
+// one sector to 128 KiB at 512-byte alignment, several rewriting the sectors
+// of earlier ones; then the journal drained and its tags flushed, so that
+// every tag goes through every state. The same writes in the same order on
+// every run.
+// True when every write was acknowledged.
+bool scriptedWrites(uint16_t port, AckLog& log, unsigned run) {
+    IscsiHostConnection c;
+    if (!c.open(port, "j1-sweep")) return false;
+    const uint32_t sizes[] = {1, 8, 3, 256, 17, 8, 64, 1, 129, 8, 40, 2};
+    const uint64_t starts[] = {0, 8, 6, 100, 110, 0, 300, 7, 90, 352, 330, 255};
+    std::vector<uint8_t> buffer(kMaxWrite * 512);
+    for (size_t i = 0; i < std::size(sizes); ++i) {
+        // Each run writes its own part of the area, with an overlap into the last run's part.
+        const uint64_t lba = kAreaStart + (run % 16) * 400 + starts[i];
+        const uint64_t gen = log.issue(lba, sizes[i]);
+        for (uint32_t s = 0; s < sizes[i]; ++s) verify::fillSector(buffer.data() + s * 512, 0, lba + s, gen, kSeed);
+        scsi_task* task = iscsi_write16_sync(c.ctx, 0, lba, buffer.data(), sizes[i] * 512, 512, 0, 0, 0, 0, 0);
+        const bool good = task && task->status == SCSI_STATUS_GOOD;
+        if (task) scsi_free_scsi_task(task);
+        if (!good) return false;  // the power went
+        log.acknowledge(gen);
+    }
+    return true;
+}
+
+}  // namespace
+
+// The deterministic half: the same small workload, one write in flight at a
+// time, cut at every pass of each of the journal's named points (a replay
+// tag's every state store and both ends of a flush), one by one, until a run
+// ends without reaching the pass (about sixty cuts).
+// After each cut the next start must replay, pass metacheck ext and read
+// back every acknowledged write.
+TEST_F(J1PowerCut, EveryPassOfTheJournalsNamedPointsInASmallWorkload) {
+    const char* points[] = {"j1r.tag.allocated", "j1r.tag.pending", "j1r.tag.executed", "j1r.tag.flushed",
+                            "j1r.tag.free",      "j1r.flush.begin", "j1r.flush.done"};
+    unsigned run = 0, cuts = 0;
+    for (const char* point : points) {
+        for (unsigned pass = 1;; ++pass) {
+            const std::string at = std::string(point) + ":" + std::to_string(pass);
+            SCOPED_TRACE(at);
+            bool reached;
+            {
+                EsaProcess esa(board.dir().string(), {}, env(at));
+                const uint16_t port = iscsiPortOf(esa);
+                ASSERT_NE(port, 0) << esa.output();
+                // The pass is reached when esa stops at it; a run that wrote
+                // everything and answered both the drain and the flush did
+                // not reach it.
+                bool answered = false;
+                if (packLoaded(esa) && scriptedWrites(port, *log, run++))
+                    answered = esa.console("j1 empty").rc == 0 && esa.console("j1 flush").rc == 0;
+                const int status = answered ? -1 : esa.wait();
+                reached = status == Board::kCrashPointExitStatus;
+                ASSERT_TRUE(answered || reached) << "esa stopped, but not at the point\n" << esa.output();
+                if (esa.running()) esa.kill9();
+            }
+            startAndVerify("cut at " + at);
+            ASSERT_FALSE(HasFailure());
+            if (!reached) break;  // this point has no more passes in the workload
+            ++cuts;
+        }
+    }
+    std::printf("J1 sweep: %u cuts at named points\n", cuts);
+    EXPECT_GE(cuts, 10u);
+}
