@@ -2,11 +2,13 @@
 // leaving (hotPlug), the expunge family that throws a failing disk out for
 // good, the critical disk map, and the queueing of DIS repair.
 #include <cstring>
+#include <iomanip>
 #include <sstream>
 
 #include "cache/DiskLBAMetaDataTracker.h"
 #include "disk/DiskManager.h"
 #include "disk/DiskPackManager.h"
+#include "disk/DiskPowerManager.h"
 #include "journal/j2/J2Manager.h"
 #include "management/SystemPolicy.h"
 #include "region/RegionManager.h"
@@ -26,6 +28,11 @@ DiskPackManager::ExpungeParams* newParams(uint16_t ld, uint16_t slot, const char
     p->slot = slot;
     std::strncpy(p->reason, reason ? reason : "", sizeof p->reason - 1);
     return p;
+}
+std::string packIdText(const DiskPackId& id) {
+    std::ostringstream os;
+    os << std::hex << std::setfill('0') << std::setw(8) << id.word[0] << std::setw(8) << id.word[1];
+    return os.str();
 }
 }  // namespace
 
@@ -192,7 +199,7 @@ StatusCode DiskPackManager::hotPlug(uint16_t slot, int op) {
             else
                 postEvent("DPM: LD " + std::to_string(mLastRemovedLD) +
                           " was last disk removed but has been used elsewhere and now has pack ID 0x" +
-                          std::to_string(d->packId.word[0]));
+                          packIdText(d->packId));
         }
         delete d;
         c->flags &= DIS_RANGE_BAD_MASK | DIS0_BAD | DIS1_BAD | DIS2_BAD | DIS_NEEDS_REPAIR;
@@ -212,10 +219,17 @@ StatusCode DiskPackManager::hotPlug(uint16_t slot, int op) {
                 postEvent("DPM: LD " + std::to_string(mLastRemovedLD) + " identified as a candidate for fast resync");
             }
             if (!mResyncAvailable) {
-                if (mLastRemovedLD != kNoLd)
-                    postEvent("DPM: Clearing down LD #" + std::to_string(mLastRemovedLD) + " as fast sync disk");
+                // Another disk came first: the one that left can no longer be resynchronised quickly.
+                ExtendingLockObject::ExclusiveLockInstance g(&mDis.globalDISLock);
+                if (mLastRemovedLD != kNoLd) {
+                    std::ostringstream os;
+                    os << "DPM: Clearing down LD #" << mLastRemovedLD << " [" << mLastRemovedWWN << "]"
+                       << " as fast sync disk";
+                    postEvent(os.str());
+                }
                 mLastRemovedWWN.Reset();
                 mLastRemovedLD = mResyncNewLD = kNoLd;
+                mLastFlushTime = 0;
             }
             sm->AddDisk(slot, c->ldNumber);
         } else {
@@ -253,6 +267,8 @@ StatusCode DiskPackManager::hotPlug(uint16_t slot, int op) {
         sm->nonViableDiskPack("DPM");
     }
     const DiskIdentifier* id = DiskManager::GetInstance()->GetDiskWWN(slot);
+    const DiskObject* disk = DiskManager::GetInstance()->diskObject(slot);
+    const uint32_t lastFlush = disk ? disk->lastFlushSeconds() : 0;
     {
         ExtendingLockObject::ExclusiveLockInstance g(&mDis.globalDISLock);
         mDis.flags |= DIS_UPDATE_GLOBAL;
@@ -266,12 +282,20 @@ StatusCode DiskPackManager::hotPlug(uint16_t slot, int op) {
         // Remembered, for a quick resynchronisation if the disk comes back.
         ExtendingLockObject::ExclusiveLockInstance g(&mDis.globalDISLock);
         mResyncAvailable = false;
+        mResyncNewLD = kNoLd;
         if (id) mLastRemovedWWN = *id;
+        else mLastRemovedWWN.Reset();
         mLastRemovedLD = ld;
+        mLastFlushTime = lastFlush;
     }
-    IOTracker tracker(READ_ONLY);
-    updateCriticalDiskMap(tracker);
-    tracker.commitIfDirty();
+    {
+        IOTracker tracker(READ_ONLY);
+        updateCriticalDiskMap(tracker);
+        tracker.commitIfDirty();
+    }
+    // The slot's power goes off and on again before the pack-wide write, so
+    // that the disk is on its way back while the others are written.
+    if (op == POWER_CYCLE) DiskPowerManager::GetInstance()->SlotPowerCycleAsync(slot);
     if (mDis.updateDis(nullptr, true) != StatusCode::Success) postEvent("DPM::hotplug: Error during DIS update");
     RegionManager::GetInstance()->RemoveDisk(ld);
     if (op == EXPUNGE) sm->ExpungeDisk(slot, ld);
@@ -297,11 +321,20 @@ void DiskPackManager::updateCriticalDiskMap(IOTracker& tracker) {
             SystemManager::GetInstance()->nonViableDiskPack("DPM");
         }
     }
-    ExtendingLockObject::ExclusiveLockInstance g(&mDis.globalDISLock);
-    mCriticalCount = unsigned(__builtin_popcount(map));
-    if (map != mCriticalMap) ESA_TRACE(expungeTrace, "Critical disk map has changed, new = 0x" << std::hex << map);
-    // The journal hears of the critical slots once it keeps a map of its own.
-    mCriticalMap = map;
+    uint32_t slots = 0;
+    bool changed = false;
+    {
+        ExtendingLockObject::ExclusiveLockInstance g(&mDis.globalDISLock);
+        mCriticalCount = unsigned(__builtin_popcount(map));
+        changed = map != mCriticalMap;
+        mCriticalMap = map;
+        for (unsigned ld = 0; ld < maxLogicalDisks; ++ld)
+            if (DIS::LogicalDiskContainer* c = mDis.container(ld); c && (map >> ld & 1)) slots |= 1u << c->slot;
+    }
+    if (!changed) return;
+    ESA_TRACE(expungeTrace, "Critical disk map has changed, new = 0x" << std::hex << map);
+    // The journal stops the system when a spill finds a critical slot gone.
+    J2Manager::GetInstance()->updateCriticalDiskMap(slots);
 }
 
 void DiskPackManager::rebootIfCritical(uint16_t ld) {
