@@ -84,14 +84,13 @@ void DiskHotPlug::DelayPowerUp() {
         DebounceState& d = mStates[s];
         if (d.state == kPowerUpDelayed) continue;
         const uint32_t now = tickGet();
-        // Disks found at once power up 8 seconds apart, the first after 1 second.
-        if (int32_t(mNextPowerUpTick - now) >= 0) {
-            d.tick = mNextPowerUpTick;
-            mNextPowerUpTick += kPowerUpSpacingSeconds * rate;
-        } else {
-            d.tick = now + kPowerUpFirstSeconds * rate;
-            mNextPowerUpTick = now + kPowerUpSpacingSeconds * rate;
-        }
+        // Disks found at once power up 8 seconds apart, the first after 1
+        // second: the next turn is counted from this slot's own, so the
+        // second disk comes at 9 seconds, not 8 (an even spacing of the
+        // inrush currents).
+        if (int32_t(mNextPowerUpTick - now) >= 0) d.tick = mNextPowerUpTick;
+        else d.tick = now + kPowerUpFirstSeconds * rate;
+        mNextPowerUpTick = d.tick + kPowerUpSpacingSeconds * rate;
         d.state = kPowerUpDelayed;
     }
 }
