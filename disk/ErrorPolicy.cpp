@@ -11,6 +11,7 @@
 #include "region/RegionManager.h"
 #include "util/Assert.h"
 #include "util/Endian.h"
+#include "util/ManagerRegistry.h"
 #include "util/Trace.h"
 #include "zone/Zone0InfoTable.h"
 
@@ -128,6 +129,7 @@ void ErrorPolicy::blockError(uint32_t type, StatusCode status, uint16_t slot, ui
 void ErrorPolicy::trackAndDispatchError() {
     bool needSave = false;
     uint32_t cycleSlots = 0;
+    mExpungedThisRound = 0;
     for (;;) {
         PendingError* p = nullptr;
         {
@@ -189,7 +191,13 @@ void ErrorPolicy::processOne(PendingError& p, bool& needSave, uint32_t& cycleSlo
     }
     ErrorTracker* tr = getErrorTracker(p.diskId);
     tr->slot = uint16_t(slot);
-    auto expunge = [&](const char* reason) { DiskPackManager::GetInstance()->expungeLogicalDisk(ld, reason); };
+    // One expunge request per disk and round: the errors of a burst all pass
+    // the same limit, and the request that matters is the first.
+    auto expunge = [&](const char* reason) {
+        if (mExpungedThisRound >> ld & 1) return;
+        mExpungedThisRound |= 1u << ld;
+        DiskPackManager::GetInstance()->expungeLogicalDisk(ld, reason);
+    };
     switch (p.type) {
     case HardRead:
     case HardWrite:
@@ -459,3 +467,12 @@ void ErrorPolicy::Dump(std::ostream& out) {
         << " errors waiting, event " << (mEventPending ? "pending" : "not pending") << "\n";
     for (ErrorTracker* t = mTrackers; t; t = t->next) t->Dump(out);
 }
+
+namespace {
+struct Registration {
+    Registration() {
+        for (const char* name : {"ErrorPolicy", "EPM"})
+            ManagerRegistry::add(name, [](std::ostream& out) { ErrorPolicy::GetInstance()->Dump(out); });
+    }
+} gRegistration;
+}  // namespace

@@ -99,4 +99,5 @@ private:
     bool mEventPending = false;
     uint8_t mScratch[EpmRecord::kAreaSize] = {};
     ZoneErrorHandler mZoneErrorHandler = nullptr;
+    uint32_t mExpungedThisRound = 0;  // LDs asked to go in this round of trackAndDispatchError
 };
