@@ -29,6 +29,14 @@ DiskPackManager::ExpungeParams* newParams(uint16_t ld, uint16_t slot, const char
     std::strncpy(p->reason, reason ? reason : "", sizeof p->reason - 1);
     return p;
 }
+// The pack manager's fault points (console module "dpm").
+ErrorInjection& dpmInjection() {
+    static ErrorInjection points("dpm");
+    return points;
+}
+const int kDeleteLdPoint =
+    dpmInjection().addApiPoint("deleteLogicalDisk", "fail the deletion of a missing LD before anything changes");
+
 std::string packIdText(const DiskPackId& id) {
     std::ostringstream os;
     os << std::hex << std::setfill('0') << std::setw(8) << id.word[0] << std::setw(8) << id.word[1];
@@ -346,6 +354,8 @@ void DiskPackManager::rebootIfCritical(uint16_t ld) {
 }
 
 StatusCode DiskPackManager::deleteLogicalDisk(uint16_t ld) {
+    bool fired = false;
+    if (StatusCode st = dpmInjection().apiErrorInject(kDeleteLdPoint, StatusCode::Success, fired); fired) return st;
     {
         IOTracker tracker(READ_ONLY);
         updateCriticalDiskMap(tracker);
