@@ -111,3 +111,61 @@ void DiskPackManager::outOfBandError(uint16_t ld, uint32_t lba, uint32_t errorTy
     }
     checkDisRepair();
 }
+
+StatusCode DiskPackManager::externalConsistencyCheck(std::ostream& out) {
+    if (!mDiskPackLoaded) return StatusCode::DiskPackNotLoaded;
+    // Discovery as diskPackChanged runs it, repairing instead of judging:
+    // whatever on a disk of the pack is not the pack's current record gets
+    // all three copies rewritten by the repair.
+    LockObject::ExclusiveLockInstance h(&mHotPlugLock);
+    DiskMap ready = readyDisks();
+    for (auto& [slot, id] : ready) DiskLBAMetaDataTracker::GetInstance()->ClearSet(uint32_t(slot));
+    mCandidates.clear();
+    mAvailable.clear();
+    discoverAllDisRecords(ready, false);
+    {
+        // Exclusive, not shared: the marks are written into the containers.
+        ExtendingLockObject::ExclusiveLockInstance g(&mDis.globalDISLock);
+        auto mark = [&](DIS::LogicalDiskContainer* c, uint32_t bits) {
+            c->flags |= bits | DIS_NEEDS_REPAIR;
+            mDis.flags |= DIS_NEEDS_REPAIR;
+        };
+        const uint32_t allCopies = DIS0_BAD | DIS1_BAD | DIS2_BAD;
+        for (auto* n = mCandidates.head(); n; n = n->next) {
+            DIS* found = n->item;
+            const bool current = found->packId == mDis.packId && found->generation == mDis.generation;
+            for (unsigned ld = 0; ld < maxLogicalDisks; ++ld) {
+                DIS::LogicalDiskContainer* disk = found->container(ld);
+                if (current) {
+                    DIS::LogicalDiskContainer* mine = mDis.container(ld);
+                    if (!mine) continue;
+                    if (!disk) {
+                        out << "LD #" << ld << " wasn't found on disk, repairing\n";
+                        mark(mine, allCopies);
+                    } else if (disk->iteration != mine->iteration) {
+                        out << "LD #" << ld << " doesn't match in-core copy iteration in/out " << mine->iteration
+                            << "/" << disk->iteration << "\n";
+                        mark(mine, allCopies);
+                    } else if (disk->flags & DIS_NEEDS_REPAIR) {
+                        mark(mine, disk->flags & allCopies);
+                    }
+                } else if (disk) {
+                    if (DIS::LogicalDiskContainer* mine = mDis.containerInSlot(disk->slot)) {
+                        out << "stale DIS on disk in slot " << disk->slot << ", repairing\n";
+                        mark(mine, allCopies);
+                    }
+                }
+            }
+        }
+        for (auto* n = mAvailable.head(); n; n = n->next) {
+            if (DIS::LogicalDiskContainer* mine = mDis.containerInSlot(n->item->slot)) {
+                out << "stale local DIS on disk in slot " << n->item->slot << ", repairing\n";
+                mark(mine, allCopies);
+            }
+        }
+    }
+    mCandidates.clear();
+    mAvailable.clear();
+    checkDisRepair();
+    return StatusCode::Success;
+}

@@ -127,3 +127,32 @@ TEST_F(PackMemory, AMissingLdIsDeletedOnceAndAFaultLeavesItAsItWas) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(PackMemory, TheConsistencyCheckRepairsADiskWhoseRecordsWereWipedAndThenFindsNothing) {
+    makePack({"1G", "1G", "1G"});
+    std::ostringstream clean;
+    ASSERT_EQ(dpm()->externalConsistencyCheck(clean), StatusCode::Success);
+    EXPECT_EQ(clean.str(), "");
+    // Every sector of disk 1's three DIS ranges is wiped behind the system's back.
+    uint8_t zero[512] = {};
+    for (uint32_t start : rangeStarts(1))
+        for (uint32_t i = 0; i < 0x80; ++i) writeSector(1, start + i, zero);
+    std::ostringstream found;
+    ASSERT_EQ(dpm()->externalConsistencyCheck(found), StatusCode::Success);
+    EXPECT_NE(found.str().find("stale local DIS on disk in slot 1, repairing"), std::string::npos) << found.str();
+    EXPECT_TRUE(dpm()->master().flags & DIS_UNDER_REPAIR);
+    dpm()->master().repairDis();
+    for (unsigned copy = 0; copy < 3; ++copy) {
+        independent::Dis d = liveCopy(1, copy);
+        EXPECT_TRUE(d.valid) << "copy " << copy;
+        EXPECT_EQ(d.ldNumber, 1u);
+    }
+    std::ostringstream again;
+    ASSERT_EQ(dpm()->externalConsistencyCheck(again), StatusCode::Success);
+    EXPECT_EQ(again.str(), "");
+    EXPECT_TRUE(dpm()->packLoaded());
+}
+
+}  // namespace
