@@ -146,6 +146,9 @@ public:
     // With "eGlobalDIS" held: a critical LD found missing stops the system.
     void rebootIfCritical(uint16_t ld);
     uint32_t criticalMap() const { return mCriticalMap; }
+    // Whether losing `ld` would lose data: only the Zone layer knows which
+    // Zones have their last copy where, so the pack asks it, here and only here.
+    static bool zoneSaysCritical(uint16_t ld, bool traceReason, IOTracker& tracker);
     // The disk that left last, if it came back as newLD: NoMoreLogicalDisks
     // when there is none. A Zone of oldLD not written since flushTime (seconds)
     // needs no copying to newLD.

@@ -125,7 +125,7 @@ StatusCode DiskPackManager::expungePhysicalDisk(ExpungeParams* p) {
 StatusCode DiskPackManager::expungeLogicalDisk(ExpungeParams* p) {
     {
         IOTracker tracker(READ_ONLY);
-        bool critical = ZoneManager::GetInstance()->IsCriticalDisk(p->ld, true, tracker);
+        bool critical = zoneSaysCritical(p->ld, true, tracker);
         tracker.commitIfDirty();
         if (critical) {
             ESA_CONSOLE("<<<< DiskPackManager::expungePhysicalDisk: expunge DECLINED because ZM indicates LD# "
@@ -314,6 +314,12 @@ StatusCode DiskPackManager::hotPlug(uint16_t slot, int op) {
 
 // ---- critical disks
 
+// The one place the pack layer calls up into the Zone layer: what is critical
+// is decided by the Zones' redundancy, which only that layer knows.
+bool DiskPackManager::zoneSaysCritical(uint16_t ld, bool traceReason, IOTracker& tracker) {
+    return ZoneManager::GetInstance()->IsCriticalDisk(ld, traceReason, tracker);
+}
+
 void DiskPackManager::updateCriticalDiskMap(IOTracker& tracker) {
     uint32_t map = 0, members = 0;
     {
@@ -322,7 +328,7 @@ void DiskPackManager::updateCriticalDiskMap(IOTracker& tracker) {
     }
     for (unsigned ld = 0; ld < maxLogicalDisks; ++ld) {
         if (!(members >> ld & 1)) continue;
-        if (!ZoneManager::GetInstance()->IsCriticalDisk(uint16_t(ld), false, tracker)) continue;
+        if (!zoneSaysCritical(uint16_t(ld), false, tracker)) continue;
         map |= 1u << ld;
         if (!isPresent(uint16_t(ld))) {
             postEvent("DPM::updateCriticalDiskMap: LD #" + std::to_string(ld) + " is CRITICAL and missing, REBOOTING");

@@ -246,6 +246,8 @@ void ErrorPolicy::processOne(PendingError& p, bool& needSave, uint32_t& cycleSlo
     if (p.deferred) dispatchError(p, ld, region);
 }
 
+// Errors are found by Region and handed to the Region's owner: the Region
+// layer's two calls here and in processOne are the policy's only calls up.
 void ErrorPolicy::dispatchError(const PendingError& p, uint16_t ld, uint32_t region) {
     uint32_t owner = 0;
     if (RegionManager::GetInstance()->getRegionOwner(ld, region, owner) != StatusCode::Success) return;
