@@ -124,3 +124,47 @@ TEST_F(ErrorPolicyPack, ElevenTrackersOfWhichOneIsAbsentSaveAsTenWithThePresentF
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(ErrorPolicyPack, AFirstFullTimeoutPowerCyclesTheSlotASecondInAWeekExpungesAndOneAWeekLaterCyclesAgain) {
+    load({"1G", "1G", "1G"});
+    EventManager* em = EventManager::GetInstance();
+    auto timeout = [](int slot) {
+        epm()->blockError(ErrorPolicy::FullTimeout, StatusCode::DM_DeviceTimeout, uint16_t(slot), kDataLba, 8, 20,
+                          true);
+        epm()->trackAndDispatchError();
+    };
+    timeout(1);
+    EXPECT_FALSE(dpm()->isPresent(1)) << "the power cycle takes the disk out of the pack";
+    EXPECT_EQ(trackerOf(1)->fullTimeouts, 1u);
+    // The slot comes back on after its time off, and the disk rejoins.
+    waitUntil([] { return !ctl().slotPowered(1); });
+    waitUntil([] { return ctl().slotPowered(1); });
+    ASSERT_EQ(dm()->RemoveDisk(1), StatusCode::Success);
+    ASSERT_EQ(dm()->AddDisk(1), StatusCode::Success);
+    drainMessages();
+    ASSERT_EQ(dpm()->hotPlug(1, DiskPackManager::ADD), StatusCode::Success);
+    uint16_t ld = 99;
+    ASSERT_EQ(dpm()->getLdNum(1, ld), StatusCode::Success);
+    EXPECT_EQ(ld, 3);
+
+    const unsigned expunges = em->queued(eLogExpung);
+    timeout(1);
+    EXPECT_EQ(trackerOf(1)->fullTimeouts, 2u);
+    EXPECT_EQ(em->queued(eLogExpung), expunges + 1) << "a second timeout within a week asks for the expunge";
+    EXPECT_TRUE(dpm()->isPresent(3)) << "no power cycle this time";
+
+    // Eight days on, a timeout is a first one again.
+    BoardClock::GetInstance().configure(BoardClock::Mode::Virtual);
+    BoardClock::GetInstance().advance(8ull * 86400 * BoardClock::kTicksPerSecond);
+    BoardClock::GetInstance().configure(BoardClock::Mode::Accelerated, 10.0);
+    timeout(1);
+    EXPECT_EQ(trackerOf(1)->fullTimeouts, 1u);
+    EXPECT_EQ(em->queued(eLogExpung), expunges + 1);
+    EXPECT_FALSE(dpm()->isPresent(3));
+    waitUntil([] { return ctl().slotPowered(1); });
+    drainMessages();
+}
+
+}  // namespace
