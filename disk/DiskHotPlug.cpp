@@ -1,5 +1,7 @@
 #include "disk/DiskHotPlug.h"
 
+#include <string>
+
 #include "disk/DriveAdapter.h"
 #include "disk/ErrorPolicy.h"
 #include "system/EventManager.h"
@@ -35,16 +37,23 @@ void DiskHotPlug::postEvent(int slot, bool add) {
     EventManager::GetInstance()->NewEvent(eHotplugDisk, false, value);
 }
 
-void DiskHotPlug::InsertDisk(int slot) {
+bool DiskHotPlug::admitted(int slot, const char* operation) {
     SystemManager* sm = SystemManager::GetInstance();
+    const std::string what = std::string("HOT ") + operation + " ON SLOT";
     if (sm->hotPlugIgnore()) {
-        ESA_CONSOLE("-------------- IGNORING HOT ADD ON SLOT " << slot << " DUE TO SLOT POWER OPERATION");
-        return;
+        ESA_CONSOLE("-------------- IGNORING " << what << " " << slot << " DUE TO SLOT POWER OPERATION");
+        return false;
     }
+    // Standby is not expected to see disks come or go: the system starts afresh.
     if (!sm->hotPlugAllowed()) {
-        ESA_CONSOLE("-------------- HOT ADD ON SLOT " << slot << " DURING HOT-PLUG LOCKOUT ... REBOOTING");
-        sm->Reboot("HOT ADD ON SLOT DURING HOT-PLUG LOCKOUT");
+        ESA_CONSOLE("-------------- " << what << " " << slot << " DURING HOT-PLUG LOCKOUT ... REBOOTING");
+        sm->Reboot((what + " DURING HOT-PLUG LOCKOUT").c_str());
     }
+    return true;
+}
+
+void DiskHotPlug::InsertDisk(int slot) {
+    if (!admitted(slot, "ADD")) return;
     if (OpenDrive(slot) < 0) return;  // DiskNotPresent: nothing to debounce
     DebounceState& d = mStates[slot];
     ESA_CONSOLE("-------------- DEBOUNCING SYSTEM_ADD_DISK_EVENT for physical disk " << slot);
@@ -57,15 +66,7 @@ void DiskHotPlug::InsertDisk(int slot) {
 }
 
 void DiskHotPlug::RemoveDisk(int slot) {
-    SystemManager* sm = SystemManager::GetInstance();
-    if (sm->hotPlugIgnore()) {
-        ESA_CONSOLE("-------------- IGNORING HOT REMOVE ON SLOT " << slot << " DUE TO SLOT POWER OPERATION");
-        return;
-    }
-    if (!sm->hotPlugAllowed()) {
-        ESA_CONSOLE("-------------- HOT REMOVE ON SLOT " << slot << " DURING HOT-PLUG LOCKOUT ... REBOOTING");
-        sm->Reboot("HOT REMOVE ON SLOT DURING HOT-PLUG LOCKOUT");
-    }
+    if (!admitted(slot, "REMOVE")) return;
     if (mStates[slot].state != kIdle) return;  // the add being debounced fails on its own
     ESA_CONSOLE("-------------- CALLING SYSTEM_REMOVE_DISK_EVENT for physical disk " << slot);
     SlotPowerSwitch(slot, false);

@@ -58,6 +58,8 @@ private:
     DiskHotPlug();
     void postEvent(int slot, bool add);
     void checkTimers();
+    // False when hot plug is ignored for a slot power operation; reboots in standby.
+    bool admitted(int slot, const char* operation);
     std::atomic<bool> mShutdown{false};
     TASK_ID mThread = nullptr;
     DebounceState mStates[kMaxDriveSlots];
