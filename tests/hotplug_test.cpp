@@ -209,3 +209,24 @@ TEST(HotPlugSystem, APulledDiskThatComesBackIsAResyncCandidateButNotAfterAStayIn
     EXPECT_NE(joined[0].dis.packId0, foreign[0].dis.packId0);
     EXPECT_EQ(joined[0].dis.ldNumber, 4u);
 }
+
+TEST(HotPlugSystem, AnOverTemperatureHaltLeavesThePackWrittenOutAndItsSlotsOffWithTheirRemovalsIgnored) {
+    TestBoard board;
+    createDisks(board, "8G,8G");
+    const auto data = pattern(128 * 1024, 9);
+    {
+        HotPlugEsa h(board);
+        ASSERT_TRUE(h.start()) << h.esa.output();
+        ASSERT_TRUE(hostWrite(h.port, 4096, data));
+        EXPECT_EQ(h.esa.console("setOvertemp").rc, 0);
+        EXPECT_TRUE(h.esa.waitForOutput("***** SYSTEM OVERTEMP SHUTDOWN COMPLETE *****")) << h.esa.output();
+        EXPECT_TRUE(h.esa.waitForOutput("IGNORING HOT REMOVE ON SLOT 1 DUE TO SLOT POWER OPERATION"));
+        EXPECT_TRUE(h.consoleShows("state DPM", "DISK PACK IS NOT LOADED"));
+        EXPECT_EQ(h.esa.output().find("SYSTEM_REMOVE_DISK_EVENT"), std::string::npos) << "no disk left the pack";
+        h.esa.kill9();  // only a power cycle ends the halt
+    }
+    HotPlugEsa h(board);
+    ASSERT_TRUE(h.start()) << h.esa.output();
+    EXPECT_TRUE(h.consoleShows("state DPM", "DISK PACK IS LOADED"));
+    EXPECT_EQ(hostRead(h.port, 4096, uint32_t(data.size())), data);
+}
