@@ -345,9 +345,9 @@ void DiskPackManager::updateCriticalDiskMap(IOTracker& tracker) {
         for (unsigned ld = 0; ld < maxLogicalDisks; ++ld)
             if (DIS::LogicalDiskContainer* c = mDis.container(ld); c && (map >> ld & 1)) slots |= 1u << c->slot;
     }
-    if (!changed) return;
-    ESA_TRACE(expungeTrace, "Critical disk map has changed, new = 0x" << std::hex << map);
-    // The journal stops the system when a spill finds a critical slot gone.
+    if (changed) ESA_TRACE(expungeTrace, "Critical disk map has changed, new = 0x" << std::hex << map);
+    // The journal stops the system when it finds a critical slot gone. It is
+    // told every time: its map starts empty at each load, ours may not.
     J2Manager::GetInstance()->updateCriticalDiskMap(slots);
 }
 
