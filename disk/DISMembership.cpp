@@ -11,7 +11,6 @@
 #include "system/SystemManager.h"
 #include "util/Assert.h"
 #include "util/Trace.h"
-#include "zone/ZoneManager.h"
 
 namespace {
 Trace viableTrace("DPM", "packViable", "flow", false);
@@ -103,7 +102,7 @@ bool DIS::packViable(bool& updateNeeded) {
         ++numDisks;
         if (mLds[ld]) continue;
         ++missing;
-        if (ZoneManager::GetInstance()->IsCriticalDisk(uint16_t(ld), true, tracker)) {
+        if (DiskPackManager::zoneSaysCritical(uint16_t(ld), true, tracker)) {
             postEvent("DPM::packViable: ZM identifies missing disk LD #" + std::to_string(ld) + " as CRITICAL");
             ++critMissing;
         }

@@ -103,6 +103,7 @@ void DiskPackManager::resetForTest() {
     mResyncAvailable = false;
     mLastRemovedWWN.Reset();
     mLastRemovedLD = mResyncNewLD = kNoLd;
+    mLastFlushTime = 0;
     SystemManager::GetInstance()->setClearDiskRequested(false);
 }
 
@@ -363,7 +364,7 @@ void DiskPackManager::Dump(std::ostream& out) {
         out << "No stored resync disk info\n";
     } else {
         out << "Stored resync disk info:\n Last removed WWN = " << mLastRemovedWWN
-            << "\n Last removed LD  = " << mLastRemovedLD << "\n";
+            << "\n Last removed LD  = " << mLastRemovedLD << "\n Last flush time  = " << mLastFlushTime << "\n";
         if (mResyncAvailable) out << " Resync available, new LD = " << mResyncNewLD << "\n";
     }
 }

@@ -146,6 +146,17 @@ public:
     // With "eGlobalDIS" held: a critical LD found missing stops the system.
     void rebootIfCritical(uint16_t ld);
     uint32_t criticalMap() const { return mCriticalMap; }
+    // Whether losing `ld` would lose data: only the Zone layer knows which
+    // Zones have their last copy where, so the pack asks it, here and only here.
+    static bool zoneSaysCritical(uint16_t ld, bool traceReason, IOTracker& tracker);
+    // The disk that left last, if it came back as newLD: NoMoreLogicalDisks
+    // when there is none. A Zone of oldLD not written since flushTime (seconds)
+    // needs no copying to newLD.
+    StatusCode getResyncDisk(uint16_t& oldLD, uint16_t& newLD, uint32_t& flushTime);
+    // After standby: are the disks not those that went to sleep? True if so.
+    bool diskPackChanged();
+    // A deferred error in a Region that holds a DIS range of `ld`.
+    void outOfBandError(uint16_t ld, uint32_t lba, uint32_t errorType, StatusCode status);
 
     // The master record (tests and the DIS members that judge the pack).
     DIS& master() { return mDis; }
@@ -203,6 +214,7 @@ private:
     DiskIdentifier mLastRemovedWWN;
     uint16_t mLastRemovedLD = kNoLd;
     uint16_t mResyncNewLD = kNoLd;
+    uint32_t mLastFlushTime = 0;
 
     PerfAccumulator mReadTimes, mWriteTimes, mParallelReadTimes, mParallelWriteTimes;
 };

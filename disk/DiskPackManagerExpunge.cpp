@@ -2,11 +2,13 @@
 // leaving (hotPlug), the expunge family that throws a failing disk out for
 // good, the critical disk map, and the queueing of DIS repair.
 #include <cstring>
+#include <iomanip>
 #include <sstream>
 
 #include "cache/DiskLBAMetaDataTracker.h"
 #include "disk/DiskManager.h"
 #include "disk/DiskPackManager.h"
+#include "disk/DiskPowerManager.h"
 #include "journal/j2/J2Manager.h"
 #include "management/SystemPolicy.h"
 #include "region/RegionManager.h"
@@ -26,6 +28,19 @@ DiskPackManager::ExpungeParams* newParams(uint16_t ld, uint16_t slot, const char
     p->slot = slot;
     std::strncpy(p->reason, reason ? reason : "", sizeof p->reason - 1);
     return p;
+}
+// The pack manager's fault points (console module "dpm").
+ErrorInjection& dpmInjection() {
+    static ErrorInjection points("dpm");
+    return points;
+}
+const int kDeleteLdPoint =
+    dpmInjection().addApiPoint("deleteLogicalDisk", "fail the deletion of a missing LD before anything changes");
+
+std::string packIdText(const DiskPackId& id) {
+    std::ostringstream os;
+    os << std::hex << std::setfill('0') << std::setw(8) << id.word[0] << std::setw(8) << id.word[1];
+    return os.str();
 }
 }  // namespace
 
@@ -110,7 +125,7 @@ StatusCode DiskPackManager::expungePhysicalDisk(ExpungeParams* p) {
 StatusCode DiskPackManager::expungeLogicalDisk(ExpungeParams* p) {
     {
         IOTracker tracker(READ_ONLY);
-        bool critical = ZoneManager::GetInstance()->IsCriticalDisk(p->ld, true, tracker);
+        bool critical = zoneSaysCritical(p->ld, true, tracker);
         tracker.commitIfDirty();
         if (critical) {
             ESA_CONSOLE("<<<< DiskPackManager::expungePhysicalDisk: expunge DECLINED because ZM indicates LD# "
@@ -192,7 +207,7 @@ StatusCode DiskPackManager::hotPlug(uint16_t slot, int op) {
             else
                 postEvent("DPM: LD " + std::to_string(mLastRemovedLD) +
                           " was last disk removed but has been used elsewhere and now has pack ID 0x" +
-                          std::to_string(d->packId.word[0]));
+                          packIdText(d->packId));
         }
         delete d;
         c->flags &= DIS_RANGE_BAD_MASK | DIS0_BAD | DIS1_BAD | DIS2_BAD | DIS_NEEDS_REPAIR;
@@ -212,10 +227,17 @@ StatusCode DiskPackManager::hotPlug(uint16_t slot, int op) {
                 postEvent("DPM: LD " + std::to_string(mLastRemovedLD) + " identified as a candidate for fast resync");
             }
             if (!mResyncAvailable) {
-                if (mLastRemovedLD != kNoLd)
-                    postEvent("DPM: Clearing down LD #" + std::to_string(mLastRemovedLD) + " as fast sync disk");
+                // Another disk came first: the one that left can no longer be resynchronised quickly.
+                ExtendingLockObject::ExclusiveLockInstance g(&mDis.globalDISLock);
+                if (mLastRemovedLD != kNoLd) {
+                    std::ostringstream os;
+                    os << "DPM: Clearing down LD #" << mLastRemovedLD << " [" << mLastRemovedWWN << "]"
+                       << " as fast sync disk";
+                    postEvent(os.str());
+                }
                 mLastRemovedWWN.Reset();
                 mLastRemovedLD = mResyncNewLD = kNoLd;
+                mLastFlushTime = 0;
             }
             sm->AddDisk(slot, c->ldNumber);
         } else {
@@ -253,6 +275,8 @@ StatusCode DiskPackManager::hotPlug(uint16_t slot, int op) {
         sm->nonViableDiskPack("DPM");
     }
     const DiskIdentifier* id = DiskManager::GetInstance()->GetDiskWWN(slot);
+    const DiskObject* disk = DiskManager::GetInstance()->diskObject(slot);
+    const uint32_t lastFlush = disk ? disk->lastFlushSeconds() : 0;
     {
         ExtendingLockObject::ExclusiveLockInstance g(&mDis.globalDISLock);
         mDis.flags |= DIS_UPDATE_GLOBAL;
@@ -266,12 +290,20 @@ StatusCode DiskPackManager::hotPlug(uint16_t slot, int op) {
         // Remembered, for a quick resynchronisation if the disk comes back.
         ExtendingLockObject::ExclusiveLockInstance g(&mDis.globalDISLock);
         mResyncAvailable = false;
+        mResyncNewLD = kNoLd;
         if (id) mLastRemovedWWN = *id;
+        else mLastRemovedWWN.Reset();
         mLastRemovedLD = ld;
+        mLastFlushTime = lastFlush;
     }
-    IOTracker tracker(READ_ONLY);
-    updateCriticalDiskMap(tracker);
-    tracker.commitIfDirty();
+    {
+        IOTracker tracker(READ_ONLY);
+        updateCriticalDiskMap(tracker);
+        tracker.commitIfDirty();
+    }
+    // The slot's power goes off and on again before the pack-wide write, so
+    // that the disk is on its way back while the others are written.
+    if (op == POWER_CYCLE) DiskPowerManager::GetInstance()->SlotPowerCycleAsync(slot);
     if (mDis.updateDis(nullptr, true) != StatusCode::Success) postEvent("DPM::hotplug: Error during DIS update");
     RegionManager::GetInstance()->RemoveDisk(ld);
     if (op == EXPUNGE) sm->ExpungeDisk(slot, ld);
@@ -282,6 +314,12 @@ StatusCode DiskPackManager::hotPlug(uint16_t slot, int op) {
 
 // ---- critical disks
 
+// The one place the pack layer calls up into the Zone layer: what is critical
+// is decided by the Zones' redundancy, which only that layer knows.
+bool DiskPackManager::zoneSaysCritical(uint16_t ld, bool traceReason, IOTracker& tracker) {
+    return ZoneManager::GetInstance()->IsCriticalDisk(ld, traceReason, tracker);
+}
+
 void DiskPackManager::updateCriticalDiskMap(IOTracker& tracker) {
     uint32_t map = 0, members = 0;
     {
@@ -290,18 +328,27 @@ void DiskPackManager::updateCriticalDiskMap(IOTracker& tracker) {
     }
     for (unsigned ld = 0; ld < maxLogicalDisks; ++ld) {
         if (!(members >> ld & 1)) continue;
-        if (!ZoneManager::GetInstance()->IsCriticalDisk(uint16_t(ld), false, tracker)) continue;
+        if (!zoneSaysCritical(uint16_t(ld), false, tracker)) continue;
         map |= 1u << ld;
         if (!isPresent(uint16_t(ld))) {
             postEvent("DPM::updateCriticalDiskMap: LD #" + std::to_string(ld) + " is CRITICAL and missing, REBOOTING");
             SystemManager::GetInstance()->nonViableDiskPack("DPM");
         }
     }
-    ExtendingLockObject::ExclusiveLockInstance g(&mDis.globalDISLock);
-    mCriticalCount = unsigned(__builtin_popcount(map));
-    if (map != mCriticalMap) ESA_TRACE(expungeTrace, "Critical disk map has changed, new = 0x" << std::hex << map);
-    // The journal hears of the critical slots once it keeps a map of its own.
-    mCriticalMap = map;
+    uint32_t slots = 0;
+    bool changed = false;
+    {
+        ExtendingLockObject::ExclusiveLockInstance g(&mDis.globalDISLock);
+        mCriticalCount = unsigned(__builtin_popcount(map));
+        changed = map != mCriticalMap;
+        mCriticalMap = map;
+        for (unsigned ld = 0; ld < maxLogicalDisks; ++ld)
+            if (DIS::LogicalDiskContainer* c = mDis.container(ld); c && (map >> ld & 1)) slots |= 1u << c->slot;
+    }
+    if (changed) ESA_TRACE(expungeTrace, "Critical disk map has changed, new = 0x" << std::hex << map);
+    // The journal stops the system when it finds a critical slot gone. It is
+    // told every time: its map starts empty at each load, ours may not.
+    J2Manager::GetInstance()->updateCriticalDiskMap(slots);
 }
 
 void DiskPackManager::rebootIfCritical(uint16_t ld) {
@@ -313,6 +360,8 @@ void DiskPackManager::rebootIfCritical(uint16_t ld) {
 }
 
 StatusCode DiskPackManager::deleteLogicalDisk(uint16_t ld) {
+    bool fired = false;
+    if (StatusCode st = dpmInjection().apiErrorInject(kDeleteLdPoint, StatusCode::Success, fired); fired) return st;
     {
         IOTracker tracker(READ_ONLY);
         updateCriticalDiskMap(tracker);
@@ -334,41 +383,3 @@ StatusCode DiskPackManager::deleteLogicalDisk(uint16_t ld) {
     return mDis.updateDis(nullptr, true);
 }
 
-StatusCode DiskPackManager::externalConsistencyCheck(std::ostream& out) {
-    if (!mDiskPackLoaded) return StatusCode::DiskPackNotLoaded;
-    // Checks that every present LD's records on disk are its own; a stale or
-    // missing one is marked for repair, and the repair rewrites it.
-    LockObject::ExclusiveLockInstance h(&mHotPlugLock);
-    for (unsigned ld = 0; ld < maxLogicalDisks; ++ld) {
-        uint16_t slot = 0;
-        uint32_t iteration = 0;
-        {
-            ExtendingLockObject::SharedLockInstance g(&mDis.globalDISLock);
-            DIS::LogicalDiskContainer* c = mDis.container(ld);
-            if (!c) continue;
-            slot = c->slot;
-            iteration = c->iteration;
-        }
-        DiskLBAMetaDataTracker::GetInstance()->ClearSet(slot);
-        DIS::LogicalDiskContainer* found = nullptr;
-        DIS* d = discoverDis(slot, found);
-        bool same = d && d->packId == mDis.packId && d->generation == mDis.generation && found->ldNumber == ld &&
-                    found->iteration == iteration;
-        uint32_t onDiskBad = found->flags & (DIS0_BAD | DIS1_BAD | DIS2_BAD);
-        if (d && d->container(found->ldNumber) == found) delete d;
-        else {
-            delete d;
-            delete found;
-        }
-        if (same && !onDiskBad) continue;
-        out << "LD #" << ld << (same ? " on-disk copies need repair" : " stale DIS on disk in slot ") << slot
-            << ", repairing\n";
-        ExtendingLockObject::ExclusiveLockInstance g(&mDis.globalDISLock);
-        if (DIS::LogicalDiskContainer* c = mDis.container(ld)) {
-            c->flags |= (same ? onDiskBad : (DIS0_BAD | DIS1_BAD | DIS2_BAD)) | DIS_NEEDS_REPAIR;
-            mDis.flags |= DIS_NEEDS_REPAIR;
-        }
-    }
-    checkDisRepair();
-    return StatusCode::Success;
-}

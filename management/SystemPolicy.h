@@ -6,6 +6,8 @@
 class SystemPolicy : public LifecycleStandIn {
 public:
     static SystemPolicy* GetInstance();
+    // Sets the system's disk error limits (the only part of start-up it does yet).
+    StatusCode Initialize();
     void SystemInitialized() {}
     void DiskSetLoaded() {}
     void DiskMounted(unsigned short slot) { (void)slot; }

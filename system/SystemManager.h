@@ -76,6 +76,11 @@ public:
     // The orderly ways out (the full standby path comes with the power Part).
     [[noreturn]] void safeReboot(const char* reason);
     [[noreturn]] void Reboot(const char* reason);
+    // A temperature alert (hot-plug thread, console "setOvertemp"): the system
+    // halts with its pack written out and its disks off, and never resumes.
+    void overTempHalt();
+    // The user's power switch: an orderly unload, then the power goes.
+    [[noreturn]] void powerSwitchShutdown();
     void DupFlashImage();
 
     bool packLoaded() const { return mPackLoaded; }
