@@ -278,7 +278,12 @@ void IscsiConnection::commandDone(TargetCommand& cmd) {
             }
             sendDataAndStatus(*t, cmd.dataIn, available, scsi::kStatusGood, {});
         } else {
-            sendDataAndStatus(*t, {}, 0, scsi::kStatusCheckCondition, scsi::senseForStatus(cmd.status, write));
+            scsi::Sense sense = scsi::senseForStatus(cmd.status, write);
+            if (cmd.kind == TargetCommand::Kind::Management) {
+                sense.infoValid = true;
+                sense.information = cmd.status.value();
+            }
+            sendDataAndStatus(*t, {}, 0, scsi::kStatusCheckCondition, sense);
         }
     }
     std::lock_guard<std::mutex> g(mTaskLock);
