@@ -1,5 +1,6 @@
 #include "background/DiskUtilizationDaemon.h"
 
+#include <bit>
 #include <cstdio>
 
 #include "cat/ClusterManager.h"
@@ -153,7 +154,7 @@ void DiskUtilizationDaemon::SetLEDs(uint64_t used, bool force) {
             ESA_CONSOLE("DUD:trigger HIGH water mark at " << percent);
         }
         const bool dualShort = ZoneManager::GetInstance()->zoneTable().DualRedundancyMode() &&
-                               DiskPackManager::GetInstance()->getNumberOfAvailableDisks() < 3;
+                               std::popcount(DiskPackManager::GetInstance()->presentLogicalDisks()) < 3;
         if (mSelfMirrored || mDegraded || dualShort) flags |= kNoRedundancyMargin;
         mFlags = flags;
     }

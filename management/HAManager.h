@@ -15,14 +15,17 @@
 // their byte positions are binding for host programs. All commands run one at
 // a time on "tMgmt", so the handlers need no lock against each other.
 //
-// Not done yet: firmware install and status, diagnostics upload, the
-// diagnostics proxy and host console commands (0x04, 0x07, 0x0A, 0x70, 0x71
-// answer FunctionNotImplemented), and the FAT32 format jobs of the worker
-// (0x0C, 0x10 answer FunctionNotImplemented; 0x0E reports no format running).
+// Not done yet: firmware install and status, diagnostics upload and host
+// console commands (0x04, 0x0A with the host command allowed, 0x70, 0x71
+// answer FunctionNotImplemented); the FAT32 format jobs of the worker (0x0C,
+// 0x10 answer FunctionNotImplemented; 0x0E reports no format running); and
+// of the locked diagnostics stream (0x07) only its event log section is
+// built, by this class instead of the console thread.
 #include <atomic>
 #include <cstdint>
 #include <memory>
 #include <ostream>
+#include <string>
 
 #include "include/ManagerBase.h"
 #include "system/EventManager.h"
@@ -112,6 +115,8 @@ private:
     static void Reboot(HAManager*);
     static void ClearDiskReboot(HAManager*);
     void postEvent(const std::string& text);
+    // 0x07: the next part of the locked diagnostics stream.
+    StatusCode lockedDiagnostics(ClientRequest& r, const uint8_t* command);
 
     LockObject mLock{"lHAMLock", 0};
     bool mStarted = false;
@@ -136,4 +141,11 @@ private:
     std::unique_ptr<RtosTimer> mRebootTimer;
     void (*mTimerHandler)(HAManager*) = nullptr;
     std::atomic<uint64_t> mServed{0};
+    // The locked diagnostics stream being read, its read position, the
+    // scrambling generator, and whether an empty answer is still owed.
+    std::string mDiagStream;
+    size_t mDiagPosition = 0;
+    uint32_t mDiagGenerator = 0;
+    bool mDiagActive = false;
+    bool mDiagSendEmpty = false;
 };

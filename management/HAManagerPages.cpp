@@ -1,5 +1,6 @@
 // The MODE SENSE(10) pages of the management path: each fills one 1,024-byte
 // block of "/mgmtpool" and sets the residual to what does not count.
+#include <bit>
 #include <cstring>
 #include <ctime>
 
@@ -243,7 +244,7 @@ StatusCode HAManager::GetStatusInfo(ClientRequest& r) {
         IOTracker tracker(READ_ONLY);
         if (!ZoneManager::GetInstance()->GetDegradedSelfMirroredCount(degraded, selfMirrored, tracker).ok())
             degraded = selfMirrored = 0;
-        danger = dpm->getNumberOfAvailableDisks() < 2 ? degraded : degraded + selfMirrored;
+        danger = std::popcount(dpm->presentLogicalDisks()) < 2 ? degraded : degraded + selfMirrored;
     }
     putBE32(p + 8, uint32_t(danger));
     putBE32(p + 12, uint32_t(dpm->notLoadedReason()));

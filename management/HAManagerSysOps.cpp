@@ -5,7 +5,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cinttypes>
+#include <deque>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -18,6 +20,7 @@
 #include "host/HRManager.h"
 #include "include/DrivePackInfo.h"
 #include "management/HAManager.h"
+#include "management/EventLogManager.h"
 #include "management/LEDMan.h"
 #include "management/SystemPolicy.h"
 #include "platform/board/BoardServices.h"
@@ -172,8 +175,9 @@ StatusCode HAManager::systemOperation(ClientRequest& r, const uint8_t* command) 
         }
         return StatusCode::FunctionNotImplemented;  // the diagnostics proxy is not built yet
     }
-    case ESA_SYSOPID_UPLOAD_DIAGS:
     case ESA_SYSOPID_DO_ESA_LOCKEDDIAGS:
+        return lockedDiagnostics(r, command);
+    case ESA_SYSOPID_UPLOAD_DIAGS:
     case ESA_SYSOPID_INSTALL_FIRMWARE:
     case ESA_SYSOPID_GET_FIRMWARE_STATUS:
         ESA_CONSOLE("HAM: system operation 0x" << std::hex << unsigned(op) << std::dec << " not available yet");
@@ -317,5 +321,69 @@ StatusCode HAManager::accessGuiData(ClientRequest& r, const uint8_t* command, bo
     window.Write(DataBuffer{uint32_t(out.size()), out.data()}, 0, uint32_t(out.size()));
     r.window = window;
     r.resid = 0;
+    return StatusCode::Success;
+}
+
+// The locked diagnostics stream, served in the host's blocks: the buffers
+// come from the allocation length in command bytes 7 and 8, (length + 1024)
+// / 1024 - 1 of them, at most 32. A short answer ends the stream; when the
+// end falls on a block boundary the next answer is empty. The bytes are
+// scrambled while encryptdiag is on. A new stream starts after an end.
+StatusCode HAManager::lockedDiagnostics(ClientRequest& r, const uint8_t* command) {
+    static constexpr uint32_t kSeed = 0x5B7C2E41;
+    const uint32_t length = getBE16(command + 7);
+    uint32_t buffers = (length + 1024) / 1024;
+    buffers = buffers > 0 ? buffers - 1 : 0;
+    if (buffers > 32) buffers = 32;
+    if (buffers == 0) {
+        ESA_CONSOLE("HAM: locked diagnostics need an allocation length of 1,024 bytes or more, got " << length);
+        return StatusCode::BadCommand;
+    }
+    if (!mDiagActive) {
+        std::string s = "-------------------- LOCKED DIAGS -----------------------\n"
+                        "----------------------- EVENT LOG -----------------------\n";
+        if (EventLogManager* log = EventLogManager::EventLog()) {
+            std::deque<std::string> lines = log->events();
+            size_t first = lines.size() > 200 ? lines.size() - 200 : 0;
+            for (size_t i = first; i < lines.size(); ++i) s += lines[i] + "\n";
+        }
+        s += "------------------- EVENT LOG END -----------------------\n"
+             "------------------- LOCKED DIAGS END --------------------\n";
+        mDiagStream = std::move(s);
+        mDiagPosition = 0;
+        mDiagGenerator = kSeed;
+        mDiagActive = true;
+        mDiagSendEmpty = false;
+    }
+    const uint32_t room = buffers * kBlockSize;
+    const size_t left = mDiagStream.size() - mDiagPosition;
+    const uint32_t sent = uint32_t(std::min<size_t>(left, room));
+    DataStore* store = mMgmtPool->GetBlocks(buffers);
+    DataWindow window;
+    window.InitializeAndTransferStore(*store, 0, room);
+    std::vector<uint8_t> out(room, 0);
+    for (uint32_t i = 0; i < sent; ++i) {
+        uint8_t b = uint8_t(mDiagStream[mDiagPosition + i]);
+        if (mEncryptDiag) {
+            mDiagGenerator = mDiagGenerator * 0x19660D + 0x3C6EF35F;
+            b ^= uint8_t(mDiagGenerator);
+        }
+        out[i] = b;
+    }
+    window.Write(DataBuffer{room, out.data()}, 0, room);
+    r.window = window;
+    r.resid = room - sent;
+    mDiagPosition += sent;
+    if (mDiagSendEmpty) {
+        mDiagActive = mDiagSendEmpty = false;  // this was the empty answer
+    } else if (mDiagPosition == mDiagStream.size()) {
+        if (sent == room) {
+            ESA_CONSOLE("Data end at buffer boundary.  Arrange to send an empty buffer.");
+            mDiagSendEmpty = true;
+        } else {
+            mDiagActive = false;
+            ESA_CONSOLE("HAM: ESA_SYSOPID_DO_ESA_LOCKEDDIAGS done.");
+        }
+    }
     return StatusCode::Success;
 }

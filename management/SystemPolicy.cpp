@@ -1,5 +1,6 @@
 #include "management/SystemPolicy.h"
 
+#include <bit>
 #include <cstdio>
 #include <cstring>
 
@@ -116,7 +117,7 @@ StatusCode SystemPolicy::UnloadDiskPack() {
 void SystemPolicy::SystemInitialized() {
     ReentrantLockObject::LockInstance g(&mLock);
     const unsigned drives = physicalDrives();
-    if (drives == 0 || DiskPackManager::GetInstance()->getNumberOfAvailableDisks() > 0) {
+    if (drives == 0 || DiskPackManager::GetInstance()->availableDiskCount() > 0) {
         mSystemState = mDiskSetLoaded ? ValidDiskSet : NoValidDiskSet;
     } else {
         ESA_CONSOLE("SPMM: SystemInitialized - No disk set found, and we have bad drives.");
@@ -309,9 +310,10 @@ void SystemPolicy::SetLEDState() {
             else if (!anyRebuilding) mLEDState[GetSmallestSafeDrive()] = kHighWatermark;
             break;
         }
-        // A lone disk always asks for a second one; with one disk and no bad
+        // A lone disk (one member of the pack present) always asks for a
+        // second one; with one disk and no bad
         // slot an empty slot exists.
-        if (DiskPackManager::GetInstance()->getNumberOfAvailableDisks() == 1 && target >= 0)
+        if (std::popcount(DiskPackManager::GetInstance()->presentLogicalDisks()) == 1 && target >= 0)
             mLEDState[target] = kHighWatermark;
     }
     setPowerLEDcolorByPolicy();

@@ -278,12 +278,7 @@ void IscsiConnection::commandDone(TargetCommand& cmd) {
             }
             sendDataAndStatus(*t, cmd.dataIn, available, scsi::kStatusGood, {});
         } else {
-            scsi::Sense sense = scsi::senseForStatus(cmd.status, write);
-            if (cmd.kind == TargetCommand::Kind::Management) {
-                sense.infoValid = true;
-                sense.information = cmd.status.value();
-            }
-            sendDataAndStatus(*t, {}, 0, scsi::kStatusCheckCondition, sense);
+            sendDataAndStatus(*t, {}, 0, scsi::kStatusCheckCondition, scsi::senseForStatus(cmd.status, write));
         }
     }
     std::lock_guard<std::mutex> g(mTaskLock);

@@ -4,8 +4,7 @@ namespace scsi {
 
 std::vector<uint8_t> fixedSenseData(const Sense& sense) {
     std::vector<uint8_t> d(18, 0);
-    d[0] = sense.infoValid ? 0xF0 : 0x70;
-    for (int i = 0; i < 4; ++i) d[3 + i] = uint8_t(sense.information >> (24 - 8 * i));
+    d[0] = 0x70;
     d[2] = sense.key & 0x0f;
     d[7] = 10;  // additional sense length
     d[12] = sense.asc;

@@ -19,10 +19,6 @@ struct Sense {
     uint8_t key = kKeyNoSense;
     uint8_t asc = 0;
     uint8_t ascq = 0;
-    // The INFORMATION field (VALID set): a management command's answer
-    // carries the system's own status code there.
-    bool infoValid = false;
-    uint32_t information = 0;
     bool operator==(const Sense&) const = default;
 };
 
