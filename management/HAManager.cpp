@@ -1,5 +1,6 @@
 #include "management/HAManager.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -82,13 +83,12 @@ void HAManager::HostDispatcher() {
     }
 }
 
-const uint8_t* HAManager::dataBlock(ClientRequest& request, uint32_t& length) {
-    length = 0;
-    if (request.store == nullptr || request.store->blockCount() < 2) return nullptr;
-    auto it = request.store->blocks().begin();
-    ++it;
-    length = it->length();
-    return it->data();
+// The data of a MODE SELECT or 0xEA: what the host sent behind the command's
+// block, as far as the window counts it.
+const uint8_t* HAManager::dataBlock(ClientRequest&, uint32_t& length) {
+    HAManager* ham = GetInstance();
+    length = uint32_t(ham->mCommandData.size());
+    return ham->mHasCommandData ? ham->mCommandData.data() : nullptr;
 }
 
 uint8_t* HAManager::answerBlock(ClientRequest& request, uint32_t windowLength) {
@@ -106,25 +106,25 @@ void HAManager::ProcessMgmtReq(ClientRequest& request) {
     // The command block and the data are copied out; the store then goes,
     // and the answer (if any) takes a block of the pool.
     uint8_t command[16] = {};
-    std::vector<uint8_t> data;
+    mCommandData.clear();
+    mHasCommandData = false;
+    if (request.store != nullptr && request.store->blockCount() >= 2) {
+        const uint32_t first = request.store->blocks().front().length();
+        const uint32_t counted = request.window.GetLength();
+        if (counted > first) {
+            mCommandData.resize(counted - first);
+            DataBuffer b{counted - first, mCommandData.data()};
+            request.window.Read(b, first, counted - first);
+        }
+        mHasCommandData = true;
+    }
     {
         DataBuffer b{sizeof command, command};
         if (request.window.GetLength() >= sizeof command) request.window.Read(b, 0, sizeof command);
-        uint32_t length = 0;
-        if (const uint8_t* d = dataBlock(request, length)) data.assign(d, d + length);
     }
     request.window.clear();
     request.store = nullptr;
     request.resid = 0;
-    // The data rides in place of the store for the handlers.
-    DataStore* dataStore = nullptr;
-    if (!data.empty()) {
-        dataStore = new DataStore(2, uint32_t(data.size()));
-        auto it = dataStore->blocks().begin();
-        ++it;
-        std::memcpy(it->data(), data.data(), data.size());
-        request.store = dataStore;
-    }
     StatusCode status;
     switch (command[0]) {
     case kModeSense10:
@@ -144,8 +144,6 @@ void HAManager::ProcessMgmtReq(ClientRequest& request) {
         status = StatusCode::UnknownScsiRequest;
         break;
     }
-    request.store = nullptr;
-    if (dataStore) dataStore->DecRef();
     request.status = status;
     if (!status.ok()) request.window.clear();
     if (mRequestDelay > 0) taskDelay(int(mRequestDelay * uint32_t(sysClkRateGet())));

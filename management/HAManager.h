@@ -26,6 +26,7 @@
 #include <memory>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include "include/ManagerBase.h"
 #include "system/EventManager.h"
@@ -141,6 +142,9 @@ private:
     std::unique_ptr<RtosTimer> mRebootTimer;
     void (*mTimerHandler)(HAManager*) = nullptr;
     std::atomic<uint64_t> mServed{0};
+    // The present command's data (MODE SELECT record, operation data).
+    std::vector<uint8_t> mCommandData;
+    bool mHasCommandData = false;
     // The locked diagnostics stream being read, its read position, the
     // scrambling generator, and whether an empty answer is still owed.
     std::string mDiagStream;

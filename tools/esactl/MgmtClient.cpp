@@ -28,7 +28,8 @@ bool MgmtClient::connect(const std::string& portal) {
     iscsi_set_header_digest(mCtx, ISCSI_HEADER_DIGEST_NONE);
     iscsi_set_noautoreconnect(mCtx, 1);
     iscsi_set_timeout(mCtx, 30);
-    if (iscsi_full_connect_sync(mCtx, portal.c_str(), 0) != 0) {
+    // A plain login: an appliance without a pack has no LUN to check.
+    if (iscsi_connect_sync(mCtx, portal.c_str()) != 0 || iscsi_login_sync(mCtx) != 0) {
         mError = "cannot reach the appliance at " + portal + ": " + iscsi_get_error(mCtx);
         iscsi_destroy_context(mCtx);
         mCtx = nullptr;
