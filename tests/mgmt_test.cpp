@@ -320,6 +320,17 @@ TEST_F(MgmtTest, SettingsAndLunCommands) {
     EXPECT_TRUE(json::parse(create.out)["pending"]);
     EXPECT_TRUE(hasFlag("lun_config_changed"));
 
+    // A pack past its high watermark, cheaply: the watermarks brought down
+    // to what the test's data already fill.
+    ASSERT_EQ(esa->console("setWatermarks 0 1").rc, 0);
+    ASSERT_EQ(esa->console("capacity now").rc, 0);
+    EXPECT_TRUE(hasFlag("above_high_watermark"));
+    EXPECT_DOUBLE_EQ(esactlJson("capacity")["high_threshold_percent"].get<double>(), 0.01);
+    EXPECT_EQ(esactlJson("slots")[2]["light"], "red");
+    ASSERT_EQ(esa->console("setWatermarks 8500 9500").rc, 0);
+    ASSERT_EQ(esa->console("capacity now").rc, 0);
+    EXPECT_FALSE(hasFlag("above_high_watermark"));
+
     // Exit codes scripts rely on.
     EXPECT_EQ(esactl("frobnicate").rc, 1);
     EXPECT_EQ(esactl("set low-threshold 0").rc, 1);
