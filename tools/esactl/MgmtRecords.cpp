@@ -1,6 +1,7 @@
 #include "tools/esactl/MgmtRecords.h"
 
 #include <algorithm>
+#include <cstdio>
 
 namespace esactl {
 namespace {
@@ -93,6 +94,16 @@ bool readSnapshot(MgmtClient& c, Snapshot& s, std::string& error, bool& refused)
         if (lun.sizeBytes > 0) s.luns.push_back(lun);
     }
     return true;
+}
+
+std::string bytesText(uint64_t b) {
+    const char* units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
+    double v = double(b);
+    int u = 0;
+    while (v >= 1024 && u < 4) v /= 1024, ++u;
+    char t[32];
+    std::snprintf(t, sizeof t, "%.1f %s", v, units[u]);
+    return t;
 }
 
 std::string colourName(int colour) {

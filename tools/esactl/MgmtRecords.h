@@ -49,6 +49,8 @@ struct Snapshot {
 // answered with a refusal, not silence or a malformed record).
 bool readSnapshot(MgmtClient& client, Snapshot& snap, std::string& error, bool& refused);
 
+// "1.5 GiB": bytes for people.
+std::string bytesText(uint64_t bytes);
 std::string colourName(int colour);  // "off", "red", ..., "flash-red-yellow"
 std::string slotState(const Snapshot::Slot& s);
 std::vector<std::string> statusFlagNames(uint32_t bits);

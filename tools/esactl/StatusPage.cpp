@@ -29,16 +29,6 @@ std::string escape(const std::string& s) {
     return out;
 }
 
-std::string bytesText(uint64_t b) {
-    const char* units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
-    double v = double(b);
-    int u = 0;
-    while (v >= 1024 && u < 4) v /= 1024, ++u;
-    char t[32];
-    std::snprintf(t, sizeof t, "%.1f %s", v, units[u]);
-    return t;
-}
-
 const char* kStyle = R"(body{font-family:sans-serif;background:#f4f4f4;margin:1.5em}
 .box{display:flex;gap:6px;background:#333;padding:12px;border-radius:8px;width:max-content}
 .slot{width:70px;height:120px;background:#555;border-radius:4px;color:#eee;font-size:11px;

@@ -51,16 +51,6 @@ int refusal(const MgmtResult& r, const std::string& what) {
     return fail(kRefused, what + ": " + r.error);
 }
 
-std::string bytesText(uint64_t b) {
-    const char* units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
-    double v = double(b);
-    int u = 0;
-    while (v >= 1024 && u < 4) v /= 1024, ++u;
-    char t[32];
-    std::snprintf(t, sizeof t, "%.1f %s", v, units[u]);
-    return t;
-}
-
 bool parseSize(const std::string& s, uint64_t& bytes) {
     char* end = nullptr;
     double v = std::strtod(s.c_str(), &end);
