@@ -9,6 +9,7 @@
 #include "background/DiskUtilizationDaemon.h"
 #include "host/ClientRequest.h"
 #include "host/HRManager.h"
+#include "host/USBTransport.h"
 #include "management/EventLogManager.h"
 #include "platform/board/BoardServices.h"
 #include "platform/rtos/Rtos.h"
@@ -80,6 +81,12 @@ void HAManager::HostDispatcher() {
         ProcessMgmtReq(*r);
         ++mServed;
         hrm->putResponse(*r);
+        // Only after the response has gone does the transport drop, so that
+        // the host sees its command done and then the change.
+        if (mPendingTransportReset.exchange(false)) {
+            taskDelay(12);
+            USBTransport::GetInstance()->fakeTransportEnable(false);
+        }
     }
 }
 

@@ -529,6 +529,7 @@ TEST_F(MgmtTest, BadInputIsRefusedAndChangesNothing) {
 TEST_F(MgmtTest, StatusPageInARealBrowser) {
     if (runTool("command -v chromium").rc != 0) GTEST_SKIP() << "chromium is not installed (scripts/setup.sh installs it)";
     settledSlots();
+    ASSERT_EQ(esa->console("eventpost status-page-marker").rc, 0);
     const uint16_t httpPort = freeLocalPort();
     const std::string listen = "127.0.0.1:" + std::to_string(httpPort);
     pid_t server = ::fork();
@@ -555,7 +556,9 @@ TEST_F(MgmtTest, StatusPageInARealBrowser) {
     EXPECT_NE(dom.find("id=\"relayout\""), std::string::npos);
     const std::regex lunRow("class=\"lun\"");
     EXPECT_EQ(std::distance(std::sregex_iterator(dom.begin(), dom.end(), lunRow), std::sregex_iterator()), 3);
-    EXPECT_NE(dom.find("remove physical disk 2"), std::string::npos);
+    const size_t events = dom.find("id=\"events\"");
+    ASSERT_NE(events, std::string::npos);
+    EXPECT_NE(dom.find("status-page-marker", events), std::string::npos) << dom;
 }
 
 // No pack: the pages answer with their heads and zero data, settings that

@@ -221,17 +221,20 @@ nlohmann::json lightsJson(const Snapshot& s) {
 }
 
 bool readEvents(MgmtClient& c, std::vector<std::string>& events, std::string& error) {
+    // 16 blocks of the appliance's 32 a call: the stream's answers leave the
+    // management pool room for other answers.
+    constexpr uint16_t kEventChunk = 0x4000;
     // The stream is scrambled with the appliance's generator from a fixed seed.
     uint32_t x = 0x5B7C2E41;
     std::string stream;
     for (int round = 0; round < 64; ++round) {
-        MgmtResult r = c.systemOperation(0x07, {}, 0x8000);
+        MgmtResult r = c.systemOperation(0x07, {}, kEventChunk);
         if (!r.ok) {
             error = "event log: " + r.error;
             return false;
         }
         stream.append(r.data.begin(), r.data.end());
-        if (r.data.size() < 0x8000) break;  // a short answer ends the stream
+        if (r.data.size() < kEventChunk) break;  // a short answer ends the stream
     }
     std::string plain = stream;
     bool scrambled = plain.rfind("----", 0) != 0;
