@@ -561,6 +561,48 @@ TEST_F(MgmtTest, StatusPageInARealBrowser) {
     EXPECT_NE(dom.find("status-page-marker", events), std::string::npos) << dom;
 }
 
+// An expunged disk: its slot flashes red (in leds.json too, both phases in
+// turn), no slot asks for a disk while it is there, and the pages say so.
+TEST(MgmtFailedDisk, AnExpungedDiskFlashesRedAndSilencesThePrompts) {
+    TestBoard board;
+    packimage::createDisks(board, "4G,4G,4G");
+    EsaProcess esa(board.dir().string(), {"-r"}, {{"ESA_PORTAL", "127.0.0.1:0"}, {"ESA_CLOCK", "accel:1"}});
+    uint16_t port = iscsiPortOf(esa);
+    ASSERT_NE(port, 0) << esa.output();
+    ASSERT_TRUE(esa.waitForConsole());
+    ASSERT_TRUE(esa.waitForOutput("HostAppManager LoadDiskPack passed"));
+    ASSERT_EQ(esa.console("expungeDisk 2").rc, 0);
+    const std::string esactl = esaBinary("esactl") + " --portal 127.0.0.1:" + std::to_string(port) + " --json ";
+    json slots;
+    for (int i = 0; i < 300; ++i) {
+        ToolRun r = runTool(esactl + "slots");
+        if (r.rc == 0 && (slots = json::parse(r.out))[2]["light"] == "flash-red") break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    EXPECT_EQ(slots[2]["state"], "failed");
+    EXPECT_EQ(slots[2]["light"], "flash-red");
+    for (int s : {0, 1}) EXPECT_EQ(slots[s]["light"], "green");
+    for (int s = 3; s < 8; ++s) EXPECT_EQ(slots[s]["light"], "off") << "no prompt while a slot is bad";
+    json status = json::parse(runTool(esactl + "status").out);
+    EXPECT_NE(std::find(status["flags"].begin(), status["flags"].end(), "bad_slot"), status["flags"].end());
+    RawHost h;
+    ASSERT_TRUE(h.open(port));
+    RawHost::Answer pack = h.sense(0x11);
+    ASSERT_EQ(pack.data.size(), 0x400u - 0x233u);
+    EXPECT_EQ(pack.data[5 + 57 * 2 + 2] & 0x40, 0x40) << "the disk in slot 2 is expunged";
+    // The board shows the flashing light's two phases in turn.
+    bool red = false, dark = false;
+    for (int i = 0; i < 300 && !(red && dark); ++i) {
+        json leds = json::parse(board.readFile("leds.json"));
+        red |= leds["slots"][2] == "red";
+        dark |= leds["slots"][2] == "off";
+        EXPECT_EQ(leds["slots"][0], "green");
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    EXPECT_TRUE(red && dark);
+    esa.kill9();
+}
+
 // No pack: the pages answer with their heads and zero data, settings that
 // need a pack are refused, and the lights ask for a disk.
 TEST(MgmtNoPack, PagesWithoutAPack) {
