@@ -16,6 +16,7 @@
 #include "management/HAManager.h"
 #include "management/SystemPolicy.h"
 #include "platform/board/BoardServices.h"
+#include "platform/rtos/BoardClock.h"
 #include "system/FlashConfigData.h"
 #include "system/SystemManager.h"
 #include "util/Endian.h"
@@ -173,9 +174,7 @@ StatusCode HAManager::GetLunInfo2(ClientRequest& r) {
 StatusCode HAManager::GetSystemInfo(ClientRequest& r) {
     uint8_t* p = answerBlock(r, kBlockSize);
     head(p, 5, 0x0026);
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    putBE32(p + 4, uint32_t(now.tv_sec));
+    putBE32(p + 4, uint32_t(BoardClock::GetInstance().realtime().tv_sec));  // the clock the host sets
     putBE16(p + 8, 0x0800);
     char name[33] = {};
     if (mPackLoaded) DiskPackManager::GetInstance()->getDiskPackName(name, sizeof name);

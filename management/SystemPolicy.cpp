@@ -84,6 +84,8 @@ void SystemPolicy::policyLoop() {
         if (msgQReceive(mQueue, m, sizeof m, WAIT_FOREVER) < int(sizeof m)) continue;
         if (m[0] == kRedraw) {
             SetLEDState();
+        } else if (m[0] == kReport) {
+            applyReport(m[1] >> 8, uint16_t(m[1] & 0xFF));
         } else if (m[0] == kIdentify) {
             ReentrantLockObject::LockInstance g(&mLock);
             if (m[1] == 1) {
@@ -133,43 +135,53 @@ void SystemPolicy::DiskSetLoaded() {
     redraw();
 }
 
-void SystemPolicy::help() {
-    ReentrantLockObject::LockInstance g(&mLock);
-    ESA_CONSOLE("SP: HELP - no loadable disk pack");
-    mSystemState = NoValidDiskSet;
-    redraw();
+// Reports from the disk and pack layers may come with their locks held, and
+// the decision calls back into those layers under "Spmm": such a report is
+// queued for "tSPMM", which applies it under the lock and decides. Without
+// the thread (start-up, unit tests) it is applied at once.
+void SystemPolicy::report(uint32_t what, unsigned short slot) {
+    if (!postMessage(kReport, what << 8 | (slot & 0xFF))) applyReport(what, slot);
 }
 
-void SystemPolicy::DiskMounted(unsigned short slot) {
-    if (slot >= kSlots) return;
+void SystemPolicy::applyReport(uint32_t what, unsigned short slot) {
     ReentrantLockObject::LockInstance g(&mLock);
-    mSlotStatus[slot] = uint16_t((mSlotStatus[slot] & ~SLOT_BAD_DISK) | SLOT_MOUNTED |
-                                 (mRebuildInProgress ? SLOT_REBUILDING : 0));
-    mLEDState[slot] = kMounted;
-    if (mRebuildInProgress || mDiskUtilizationStatus == 0) redraw();
+    switch (what) {
+    case kReportHelp:
+        ESA_CONSOLE("SP: HELP - no loadable disk pack");
+        mSystemState = NoValidDiskSet;
+        break;
+    case kReportMounted:
+        if (slot >= kSlots) return;
+        mSlotStatus[slot] = uint16_t((mSlotStatus[slot] & ~SLOT_BAD_DISK) | SLOT_MOUNTED |
+                                     (mRebuildInProgress ? SLOT_REBUILDING : 0));
+        mLEDState[slot] = kMounted;
+        // A mounted disk keeps the present lights until the next utilization report.
+        if (!mRebuildInProgress && mDiskUtilizationStatus != 0) return;
+        break;
+    case kReportRemoved:
+        if (slot >= kSlots) return;
+        mSlotStatus[slot] &= uint16_t(~0x07);
+        break;
+    case kReportExpunged:
+    case kReportFailed:
+        if (slot >= kSlots) return;
+        mSlotStatus[slot] = uint16_t((mSlotStatus[slot] & ~(SLOT_MOUNTED | SLOT_REBUILDING)) | SLOT_BAD_DISK);
+        if (what == kReportFailed) mLEDState[slot] = kBadDisk;
+        break;
+    default:
+        return;
+    }
+    SetLEDState();
 }
 
-void SystemPolicy::RemoveDisk(unsigned short slot) {
-    if (slot >= kSlots) return;
-    ReentrantLockObject::LockInstance g(&mLock);
-    mSlotStatus[slot] &= uint16_t(~0x07);
-    redraw();
-}
-
-void SystemPolicy::ExpungeDisk(unsigned short slot) {
-    if (slot >= kSlots) return;
-    ReentrantLockObject::LockInstance g(&mLock);
-    mSlotStatus[slot] = uint16_t((mSlotStatus[slot] & ~(SLOT_MOUNTED | SLOT_REBUILDING)) | SLOT_BAD_DISK);
-    redraw();
-}
+void SystemPolicy::help() { report(kReportHelp, 0); }
+void SystemPolicy::DiskMounted(unsigned short slot) { report(kReportMounted, slot); }
+void SystemPolicy::RemoveDisk(unsigned short slot) { report(kReportRemoved, slot); }
+void SystemPolicy::ExpungeDisk(unsigned short slot) { report(kReportExpunged, slot); }
 
 void SystemPolicy::DiskFail(unsigned short slot) {
     ESA_CONSOLE("SP: disk in slot " << slot << " FAILED");
-    if (slot >= kSlots) return;
-    ReentrantLockObject::LockInstance g(&mLock);
-    mSlotStatus[slot] = uint16_t((mSlotStatus[slot] & ~(SLOT_MOUNTED | SLOT_REBUILDING)) | SLOT_BAD_DISK);
-    mLEDState[slot] = kBadDisk;
-    redraw();
+    report(kReportFailed, slot);
 }
 
 void SystemPolicy::SetSysState(sysStateType state) {
@@ -182,6 +194,11 @@ void SystemPolicy::SetLEDOverTemp(bool on) {
     ReentrantLockObject::LockInstance g(&mLock);
     mOverTemp = on;
     redraw();
+}
+
+void SystemPolicy::resumeLEDs() {
+    SystemInitialized();
+    DiskUtilizationDaemon::GetInstance()->DUDUpdate(true);
 }
 
 void SystemPolicy::DoRebuild(EVENT_TYPE, void* context, unsigned long value, void*) {

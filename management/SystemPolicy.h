@@ -13,8 +13,8 @@
 // "Spmm".
 //
 // Reports from the disk and pack layers may come with their locks held, and
-// the light decision calls back into those layers; so a report changes the
-// slot state at once and the decision runs on "tSPMM" (a redraw message).
+// the light decision calls back into those layers under "Spmm"; so such a
+// report is queued and applied on "tSPMM", never under the reporter's locks.
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -42,6 +42,7 @@ public:
     // Message types on the queue.
     static constexpr uint32_t kIdentify = 1;
     static constexpr uint32_t kRedraw = 0x100;  // internal: run SetLEDState on tSPMM
+    static constexpr uint32_t kReport = 0x101;  // internal: a slot report (what << 8 | slot) to apply
     static constexpr int kIdentifySeconds = 10;
 
     static SystemPolicy* GetInstance();
@@ -60,6 +61,8 @@ public:
     void DiskFail(unsigned short slot);
     void SetSysState(sysStateType state);
     void SetLEDOverTemp(bool on);
+    // After a resume: the lights as at the end of the start, and the meter redrawn.
+    void resumeLEDs();
     void Rebuild(unsigned long value);
     void DiskUtilization(unsigned long value);
     // Posts (type, param) on the queue; identify is (1, 1) on, (1, 0) off.
@@ -80,6 +83,9 @@ private:
     SystemPolicy();
     void policyLoop();
     void redraw();
+    enum : uint32_t { kReportHelp = 1, kReportMounted, kReportRemoved, kReportExpunged, kReportFailed };
+    void report(uint32_t what, unsigned short slot);
+    void applyReport(uint32_t what, unsigned short slot);
     void setSlotLEDcolorByPolicy(unsigned slot);
     void setPowerLEDcolorByPolicy();
     void setCapacityLEDcolorByPolicy();
