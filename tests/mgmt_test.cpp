@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdio>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <regex>
 #include <string>
@@ -601,6 +602,90 @@ TEST(MgmtFailedDisk, AnExpungedDiskFlashesRedAndSilencesThePrompts) {
     }
     EXPECT_TRUE(red && dark);
     esa.kill9();
+}
+
+// The management state lives in the pack (Zone 0): settings and the host
+// application's own store survive a power cut; the store is bounded by its
+// size; the host's clock and time zone land in the board's clock and the log.
+TEST(MgmtSavedState, SettingsAndTheHostStoreSurviveAPowerCut) {
+    TestBoard board;
+    packimage::createDisks(board, "4G,4G,4G");
+    auto start = [&](std::unique_ptr<EsaProcess>& esa, uint16_t& port) {
+        esa = std::make_unique<EsaProcess>(board.dir().string(), std::vector<std::string>{"-r"},
+                                           std::map<std::string, std::string>{{"ESA_PORTAL", "127.0.0.1:0"},
+                                                                              {"ESA_CLOCK", "accel:1"}});
+        port = iscsiPortOf(*esa);
+        ASSERT_NE(port, 0) << esa->output();
+        ASSERT_TRUE(esa->waitForOutput("HostAppManager LoadDiskPack passed"));
+    };
+    std::unique_ptr<EsaProcess> esa;
+    uint16_t port = 0;
+    start(esa, port);
+    const std::string esactl = esaBinary("esactl") + " --portal 127.0.0.1:" + std::to_string(port) + " ";
+    ASSERT_EQ(runTool(esactl + "set manual-volumes on").rc, 0);
+    ASSERT_EQ(runTool(esactl + "set spindown 15").rc, 0);
+
+    RawHost h;
+    ASSERT_TRUE(h.open(port));
+    auto guiWrite = [&](uint8_t start, uint8_t count, uint8_t fill) {
+        return h.command({0xEA, 0x10, 0, 0x16, 0, 0, 0, uint8_t(count * 2), 0, start},
+                         std::vector<uint8_t>(count * 512u, fill), 0);
+    };
+    auto guiRead = [&](uint8_t start, uint8_t count) {
+        return h.command({0xEA, 0x10, 0, 0x15, 0, 0, 0, uint8_t(count * 2), 0, start}, {}, ((count + 1) / 2) * 1024u);
+    };
+    ASSERT_EQ(guiWrite(0, 2, 0xA5).status, SCSI_STATUS_GOOD);
+    ASSERT_EQ(guiWrite(127, 1, 0x3C).status, SCSI_STATUS_GOOD) << "the last sector of the store";
+    RawHost::Answer past = guiWrite(127, 2, 0x77);
+    EXPECT_EQ(past.key, kIllegalRequest) << "one sector past the store";
+    EXPECT_EQ(guiRead(128, 1).key, kIllegalRequest);
+
+    // The host's clock, 330 minutes west of UTC.
+    auto setTime = [&](uint32_t t, int16_t offset) {
+        std::vector<uint8_t> rec(42, 0);
+        rec[0] = 0x7A, rec[1] = 5, rec[3] = 0x26;
+        for (int i = 0; i < 4; ++i) rec[4 + i] = uint8_t(t >> (24 - 8 * i));
+        rec[8] = uint8_t(uint16_t(offset) >> 8), rec[9] = uint8_t(offset);
+        RawHost::Answer name = h.sense(5);
+        std::copy(name.data.begin() + 10, name.data.begin() + 42, rec.begin() + 10);
+        return h.select(5, rec);
+    };
+    const uint32_t t = 1900000000u;
+    ASSERT_EQ(setTime(t, -330).status, SCSI_STATUS_GOOD);
+    const uint32_t clock = be32(h.sense(5).data, 4);
+    EXPECT_GE(clock, t - 330 * 60);
+    EXPECT_LT(clock, t - 330 * 60 + 600) << "the appliance keeps local time";
+    ASSERT_EQ(setTime(t + 10, -330).status, SCSI_STATUS_GOOD);
+    json events = json::parse(runTool(esactl + "--json events").out);
+    int timeEvents = 0;
+    for (const auto& e : events) {
+        const std::string line = e.get<std::string>();
+        if (line.find("HAM: ESA Time set by host") == std::string::npos) continue;
+        ++timeEvents;
+        EXPECT_NE(line.find("TimeZone is (GMT -5h-30m)"), std::string::npos) << line;
+    }
+    EXPECT_EQ(timeEvents, 1) << "a clock 10 seconds off posts nothing";
+
+    esa->kill9();
+    start(esa, port);
+    RawHost again;
+    ASSERT_TRUE(again.open(port));
+    RawHost::Answer first = again.command({0xEA, 0x10, 0, 0x15, 0, 0, 0, 4, 0, 0}, {}, 1024);
+    ASSERT_EQ(first.status, SCSI_STATUS_GOOD);
+    ASSERT_EQ(first.data.size(), 1024u);
+    EXPECT_EQ(first.data, std::vector<uint8_t>(1024, 0xA5));
+    RawHost::Answer last = again.command({0xEA, 0x10, 0, 0x15, 0, 0, 0, 2, 0, 127}, {}, 1024);
+    ASSERT_EQ(last.data.size(), 1024u);
+    EXPECT_EQ(std::vector<uint8_t>(last.data.begin(), last.data.begin() + 512), std::vector<uint8_t>(512, 0x3C));
+    // Options 2 after the cut: spindown 15 minutes (flag 2), manual volumes (flag 4).
+    RawHost::Answer o2 = again.sense(0x31);
+    ASSERT_EQ(o2.data.size(), 512u);
+    EXPECT_EQ(be64(o2.data, 4) & 6, 6u);
+    EXPECT_EQ(be16(o2.data, 12), 15);
+    const std::string esactl2 = esaBinary("esactl") + " --portal 127.0.0.1:" + std::to_string(port) + " --json status";
+    json flags = json::parse(runTool(esactl2).out)["flags"];
+    EXPECT_EQ(std::find(flags.begin(), flags.end(), "auto_lun_create"), flags.end());
+    esa->kill9();
 }
 
 // No pack: the pages answer with their heads and zero data, settings that
