@@ -325,7 +325,21 @@ int hamCommand(int, char**, std::ostream& out) {
     HAManager::GetInstance()->Dump(out);
     return 0;
 }
+// The rebuild event as the relayout engine posts it, for trying the lights and
+// the management pages by hand: 0x8000 as a rebuild starts, 0x7FFF as it ends.
+int rebuildEventCommand(int argc, char** argv, std::ostream& out) {
+    if (argc != 2 || (std::string(argv[1]) != "on" && std::string(argv[1]) != "off")) {
+        out << "usage: rebuildEvent on|off\n";
+        return -1;
+    }
+    const unsigned long value = std::string(argv[1]) == "on" ? 0x8000 : 0x7FFF;
+    EventManager::GetInstance()->NewEvent(eRebuild, false, value);
+    out << "rebuild event 0x" << std::hex << value << std::dec << " posted\n";
+    return 0;
+}
 }  // namespace
 
+ConsoleCommand gRebuildEvent("rebuildEvent", "Posts the rebuild event (type 6): rebuildEvent on|off",
+                             rebuildEventCommand);
 ConsoleCommand gSetRequestDelay("setRequestDelay", "Set request delay in seconds", setRequestDelayCommand);
 ConsoleCommand gHamState("hamState", "Displays the management path's state", hamCommand);

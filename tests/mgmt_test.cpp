@@ -527,6 +527,43 @@ TEST_F(MgmtTest, BadInputIsRefusedAndChangesNothing) {
     EXPECT_EQ(h.sysop(0x60, {}).status, SCSI_STATUS_GOOD);
 }
 
+// The rebuild event (type 6) as the relayout engine posts it: 0x8000 starts,
+// 0x7FFF ends. The status page counts the Zones in danger (the pulled member
+// left the written Zones degraded) and the members' lights flash.
+TEST_F(MgmtTest, ARebuildShowsInStatusLightsAndPages) {
+    settledSlots();
+    RawHost h;
+    ASSERT_TRUE(h.open(port));
+    ASSERT_EQ(esa->console("rebuildEvent on").rc, 0);
+    json status, slots;
+    for (int i = 0; i < 300; ++i) {
+        status = esactlJson("status");
+        slots = esactlJson("slots");
+        if (status["rebuilding"] == true && slots[0]["light"] == "flash-yellow-green") break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    EXPECT_TRUE(status["rebuilding"]);
+    EXPECT_GT(status["zones_in_danger"].get<int>(), 0) << "degraded Zones while a member is missing";
+    for (int s : {0, 1, 3}) {
+        EXPECT_EQ(slots[s]["state"], "rebuilding") << s;
+        EXPECT_EQ(slots[s]["light"], "flash-yellow-green") << s;
+    }
+    const std::vector<uint8_t> p9 = h.sense(9).data;
+    EXPECT_TRUE(be32(p9, 4) & 0x200);
+    EXPECT_EQ(be32(p9, 8), status["zones_in_danger"].get<uint32_t>());
+    ASSERT_EQ(esa->console("rebuildEvent off").rc, 0);
+    for (int i = 0; i < 300; ++i) {
+        status = esactlJson("status");
+        slots = esactlJson("slots");
+        if (status["rebuilding"] == false && slots[0]["light"] == "green") break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    EXPECT_FALSE(status["rebuilding"]);
+    EXPECT_EQ(status["zones_in_danger"], 0) << "counted only while rebuilding";
+    EXPECT_EQ(slots[0]["light"], "green");
+    EXPECT_EQ(slots[2]["light"], "red");
+}
+
 TEST_F(MgmtTest, StatusPageInARealBrowser) {
     if (runTool("command -v chromium").rc != 0) GTEST_SKIP() << "chromium is not installed (scripts/setup.sh installs it)";
     settledSlots();
