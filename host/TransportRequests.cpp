@@ -232,7 +232,12 @@ void USBHostRequest::rxCmd() {
             }
             store->move(payload);
         }
-        r.window.InitializeAndTransferStore(*store, 0, store->GetLength());
+        // The window covers the command's block and the payload's bytes, not
+        // its rounded blocks: the management path tells a short record by it.
+        const uint32_t counted = !(f & td::kCmdMgmtNoPayload) && payloadLength > 0
+                                     ? store->GetLength() - ((payloadLength + 511) & ~511u) + payloadLength
+                                     : store->GetLength();
+        r.window.InitializeAndTransferStore(*store, 0, counted);
         r.store = store;
         r.setFlag(ClientRequest::kValid);
         std::printf("USBHostRequest::rxCmd: Staging MANAGEMENT I/O with len = 0x%x\n", r.len);

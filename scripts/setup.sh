@@ -10,6 +10,7 @@ PACKAGES=(
   libiscsi-dev libiscsi-bin libisal-dev
   qemu-utils qemu-block-extra tgt
   e2fsprogs dosfstools python3
+  chromium
 )
 
 missing=()

@@ -98,6 +98,9 @@ public:
     void transportStateChange(int state);
     // The LUN table changed while a pack is loaded.
     void setLunConfigChanged() { mLunConfigChanged = true; }
+    bool lunConfigChanged() const { return mLunConfigChanged; }
+    // The host application has seen the unclean shutdown.
+    void clearBadShutdown() { mPreviousShutdownClean = true; }
     bool esxCertMode() const { return mEsxCertMode; }
     int systemState() const { return mSystemState; }
     const std::string& version() const { return mVersion; }

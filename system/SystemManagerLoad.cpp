@@ -224,7 +224,17 @@ bool SystemManager::secondStageLoadDiskPack2() {
     mSystemPolicy->DiskSetLoaded();
     DiskPackManager::GetInstance()->diskPackLoadStatus(StatusCode::Success);
     saveState(RUNNING, BAT_ON);
-    // 17. Slots of the loaded disks: reported by the pack layer once it exists.
+    // 17. The slot lights of the loaded disks.
+    {
+        DiskPackManager* dpm = DiskPackManager::GetInstance();
+        const uint32_t present = dpm->presentLogicalDisks();
+        for (uint16_t ld = 0; ld < DiskPackManager::maxLogicalDisks; ++ld) {
+            if (!(present >> ld & 1)) continue;
+            uint16_t slot = 0;
+            if (dpm->getSlotNum(ld, slot).ok()) mSystemPolicy->DiskMounted(slot);
+            else ESA_CONSOLE("Logical disk " << ld << " seems to have disappeared during disk pack load ... weird!");
+        }
+    }
     // 18.
     mLayoutManager->InitiateBackgroundRepair();
     // 19.

@@ -173,6 +173,15 @@ public:
     void PerfInfoIO(std::ostream& out);
     void ClearPerfInfoIO();
 
+    // ---- pack status for the management pages and the capacity daemon
+    // (ZoneManagerStatus.cpp). Each walks the Zone table once, Zone 1 left
+    // out, taking the table lock shared per Zone.
+    StatusCode GetDegradedSelfMirroredCount(uint64_t& degraded, uint64_t& selfMirrored, IOTracker& tracker);
+    // Any Zone but Zone 1 degraded (a Region on a missing disk).
+    bool DegradedZones(IOTracker& tracker);
+    // Any Zone but Zone 1 SelfMirrored.
+    bool SelfMirroredZones(IOTracker& tracker);
+
 private:
     ZoneManager() = default;
     // ---- Zone table, allocation and capacity: state ---------------------

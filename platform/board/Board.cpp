@@ -113,8 +113,7 @@ void* Board::openRegion(const std::string& name, size_t size, size_t* actualSize
 
 void Board::writeLeds() {
     if (!mOpen) return;
-    nlohmann::json j = {{"ledBar", mLedBar}, {"slotLeds", mSlotLeds}, {"powerLed", mPowerLed},
-                        {"capacityMeter", mCapacityMeter}};
+    nlohmann::json j = ledStateLocked();
     fs::path tmp = mDir / "leds.json.tmp";
     std::ofstream(tmp) << j.dump() << "\n";
     std::error_code ec;
@@ -135,6 +134,7 @@ uint32_t Board::ledBar() {
 void Board::setSlotLeds(uint32_t bits) {
     std::lock_guard<std::mutex> g(mLock);
     mSlotLeds = bits;
+    ++mSlotWrites;
     writeLeds();
 }
 
@@ -152,7 +152,22 @@ void Board::setCapacityMeter(int percent) {
 
 nlohmann::json Board::ledState() {
     std::lock_guard<std::mutex> g(mLock);
-    return {{"ledBar", mLedBar}, {"slotLeds", mSlotLeds}, {"powerLed", mPowerLed}, {"capacityMeter", mCapacityMeter}};
+    return ledStateLocked();
+}
+
+// The raw words as the system wrote them, and beside them what a person
+// standing in front of the box sees now: each slot's light (2 bits a slot,
+// slot n at bits 2n and 2n+1: 0 yellow, 1 red, 2 green, 3 off). A flashing
+// light shows its two colours in turn, one write each.
+nlohmann::json Board::ledStateLocked() const {
+    static const char* const kColour[4] = {"yellow", "red", "green", "off"};
+    nlohmann::json slots = nlohmann::json::array();
+    for (unsigned n = 0; n < 8; ++n) slots.push_back(kColour[(mSlotLeds >> (2 * n)) & 3]);
+    nlohmann::json bar = nlohmann::json::array();
+    for (unsigned n = 0; n < 10; ++n) bar.push_back(((mLedBar >> n) & 1) != 0);
+    return {{"ledBar", mLedBar},       {"slotLeds", mSlotLeds},           {"powerLed", mPowerLed},
+            {"capacityMeter", mCapacityMeter}, {"slots", slots}, {"bar", bar},
+            {"slotWrites", mSlotWrites}};
 }
 
 std::string Board::lastRebootReason() {

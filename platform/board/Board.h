@@ -65,6 +65,7 @@ public:
 private:
     Board() = default;
     void writeLeds();
+    nlohmann::json ledStateLocked() const;
 
     std::mutex mLock;
     bool mOpen = false;
@@ -76,6 +77,7 @@ private:
     std::map<std::string, Region> mRegions;
     uint32_t mLedBar = 0;
     uint32_t mSlotLeds = 0;
+    uint64_t mSlotWrites = 0;  // writes of the slot word: a reader tells a new phase from an old one
     int mPowerLed = 0;
     int mCapacityMeter = -1;
     int mLogFd = -1;

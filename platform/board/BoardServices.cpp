@@ -255,11 +255,13 @@ int boardIoctl(int fd, unsigned long request, intptr_t arg) {
         case EsaRegisterIoctl::LedBar:
             board.setLedBar(uint32_t(arg));
             return 0;
-        case EsaRegisterIoctl::SlotLeds:
-            board.setSlotLeds(uint32_t(arg));
+        case EsaRegisterIoctl::SlotLeds:  // a pointer to the word of the phase shown now
+            if (!arg) return -1;
+            board.setSlotLeds(*reinterpret_cast<const uint32_t*>(arg));
             return 0;
-        case EsaRegisterIoctl::PowerLed:
-            board.setPowerLed(uint8_t(arg));
+        case EsaRegisterIoctl::PowerLed:  // a pointer to the colour byte
+            if (!arg) return -1;
+            board.setPowerLed(*reinterpret_cast<const uint8_t*>(arg));
             return 0;
         case EsaRegisterIoctl::CapacityMeter:
             board.setCapacityMeter(int(arg));

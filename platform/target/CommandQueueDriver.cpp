@@ -121,7 +121,13 @@ void CommandQueueDriver::exchange(TargetCommand& cmd) {
         const auto* count = reinterpret_cast<const td::UsbSgListHeader*>(mRegions.usbSgList);
         const auto* pairs = reinterpret_cast<const td::UsbSgPair*>(mRegions.usbSgList + sizeof(td::UsbSgListHeader));
         uint32_t n = std::min<uint32_t>(count->count, DriverRegions::kUsbSgPairs);
-        uint32_t room = cmd.dataInLimit;
+        // A management answer is a whole buffer of which the residual's worth
+        // at the end does not count: the host is given the rest, and its
+        // transfer's residual then says the same.
+        uint64_t total = 0;
+        for (uint32_t i = 0; i < n; ++i) total += pairs[i].length.get();
+        uint64_t counted = total > rsp.residual.get() ? total - rsp.residual.get() : 0;
+        uint32_t room = uint32_t(std::min<uint64_t>(cmd.dataInLimit, counted));
         for (uint32_t i = 0; i < n && room > 0; ++i) {
             uint64_t end = uint64_t(pairs[i].address.get()) + pairs[i].length.get();
             if (end > mRegions.readBufferSize) {

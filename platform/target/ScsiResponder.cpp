@@ -97,6 +97,13 @@ Decision ScsiResponder::decide(const uint8_t* cdb, size_t cdbLength, uint32_t lu
     if (op == kRequestSense) return requestSense(cdb, lun);
 
     uint64_t lastLba = table.lastLba(lun);
+    // Management commands reach the system whatever the LUN: the host
+    // application must reach an appliance that has no pack and no LUNs.
+    if (op == kModeSense10 || op == kModeSelect10 || op == kVendorManagement) {
+        Decision d;
+        d.kind = Decision::Kind::Management;
+        return d;
+    }
     if (lastLba == TargetLunTable::kAbsent) return check(kLunNotSupported);
 
     switch (op) {
@@ -123,11 +130,6 @@ Decision ScsiResponder::decide(const uint8_t* cdb, size_t cdbLength, uint32_t lu
     case kSyncCache10: case kSyncCache16:
         if (!table.mediaAccess()) return check(kMediumNotPresent);
         return syncCache(cdb, lastLba);
-    case kModeSense10: case kModeSelect10: case kVendorManagement: {
-        Decision d;
-        d.kind = Decision::Kind::Management;
-        return d;
-    }
     default:
         return check(kInvalidOpcode);
     }
