@@ -173,6 +173,31 @@ public:
     void PerfInfoIO(std::ostream& out);
     void ClearPerfInfoIO();
 
+    // ---- Relayout support: degraded state, critical disks, unusable
+    // Regions (ZoneManagerRelayout.cpp) -----------------------------------
+    // Marks the Region that holds copy `dataCopy` (0 data, 1 primary, 2
+    // secondary) at `offset` unusable, so that the Zone is rebuilt; refused
+    // when the Zone would lose data or every disk would become critical.
+    StatusCode MarkRegionUnusable(uint32_t zone, uint32_t offset, unsigned dataCopy, IOTracker& tracker);
+    // No slot free to take a replacement disk: the slot's disk is critical,
+    // 8 disks are available and each other is critical or used by the Zone.
+    bool AllSlotsWouldBeCritical(const ZoneTableEntry& entry, unsigned slot, IOTracker& tracker);
+    // An error no I/O path saw (the error policy): the ZIS copy is repaired,
+    // or the Zone that holds the Region is patched.
+    void outOfBandError(uint16_t disk, uint32_t region, int errorType, StatusCode status);
+    bool DegradedZones(IOTracker& tracker);
+    bool SelfMirroredZones();
+    uint64_t GetDegradedZoneCount();
+    uint64_t GetDoubleDegradedZoneCount();
+    uint64_t GetSelfMirroredZoneCount();
+    uint64_t GetDegradedSelfMirroredCount();
+    uint64_t GetMetadataZoneCount();
+    // The disk holds a ZIS copy or a Region of some Zone other than Zone 1.
+    bool CheckDiskInUse(uint16_t disk);
+    // Missing disks that nothing uses any more leave the pack.
+    void DeleteUnusedDisks();
+    // ---- end of relayout support -----------------------------------------
+
 private:
     ZoneManager() = default;
     // ---- Zone table, allocation and capacity: state ---------------------
