@@ -165,7 +165,8 @@ bool LayoutManager::sendRepairMessage(const Message& m) {
 
 namespace {
 void initiate(const char* who, std::atomic<bool>& restart, bool moveActive, bool loaded,
-              const std::function<void()>& send) {
+              const std::function<void()>& send, bool threadRunning) {
+    if (!threadRunning) return;  // before Initialize (tools, tests): nothing runs that could restart
     ESA_CONSOLE("Requesting restart of relayout due to " << who << "()");
     restart.store(true);
     if (moveActive) {
@@ -182,18 +183,18 @@ void initiate(const char* who, std::atomic<bool>& restart, bool moveActive, bool
 
 void LayoutManager::InitiateAddDisk(unsigned short logicalDisk) {
     initiate("InitiateAddDisk", mRestartRequested, mMoveActive.load(), packLoaded(),
-             [&] { sendRepairMessage(Message{kAddDisk, logicalDisk, 0, 0, 0, 0, 0, 0, 0, 0, nullptr}); });
+             [&] { sendRepairMessage(Message{kAddDisk, logicalDisk, 0, 0, 0, 0, 0, 0, 0, 0, nullptr}); }, mQueue != nullptr);
 }
 
 void LayoutManager::InitiateRemoveDisk(unsigned short logicalDisk) {
     startIndication();
     initiate("InitiateRemoveDisk", mRestartRequested, mMoveActive.load(), packLoaded(),
-             [&] { sendRepairMessage(Message{kRemoveDisk, logicalDisk, 0, 0, 0, 0, 0, 0, 0, 0, nullptr}); });
+             [&] { sendRepairMessage(Message{kRemoveDisk, logicalDisk, 0, 0, 0, 0, 0, 0, 0, 0, nullptr}); }, mQueue != nullptr);
 }
 
 void LayoutManager::InitiateBackgroundRepair() {
     initiate("InitiateBackgroundRepair", mRestartRequested, mMoveActive.load(), packLoaded(),
-             [&] { sendRepairMessage(Message{kRepair, 0, 0, 0, 0, 0, 0, 0, 0, 0, nullptr}); });
+             [&] { sendRepairMessage(Message{kRepair, 0, 0, 0, 0, 0, 0, 0, 0, 0, nullptr}); }, mQueue != nullptr);
 }
 
 void LayoutManager::InitiateBackgroundPatch(uint32_t zone, uint32_t offset, unsigned dataCopy, IOTracker& tracker) {

@@ -121,6 +121,15 @@ public:
     using ResyncDiskSource = bool (*)(uint16_t& oldLD, uint16_t& newLD, uint32_t& flushTime);
     void setResyncDiskSource(ResyncDiskSource source) { mResyncSource = source; }
 
+    // Named steps of a move ("lm.relayout.staged", "lm.relayout.copied",
+    // "lm.move.swapped", "lm.move.committed", "lm.patch.staged",
+    // "lm.patch.copied", and "lm.copy.chunk" / "lm.patch.chunk" before each
+    // chunk): each is a crash point. Tests may also watch them: a hook that
+    // returns true ends the move there as a power cut would, touching
+    // nothing more, and the move returns LM_LayoutAborted.
+    using StepHook = bool (*)(const char* step);
+    void setStepHook(StepHook hook) { mStepHook = hook; }
+
     // ---- state, for the console, the management pages and tests
     bool moveActive() const { return mMoveActive.load(); }
     bool rebuildRunning() const { return mRebuildRunning.load(); }
@@ -161,6 +170,9 @@ private:
     StatusCode patchOneChunk(uint32_t zone, const ZoneTableEntry& entry, unsigned slot, uint32_t zoneOffset,
                              uint32_t regionOffset, uint32_t chunk);
     JobControlBlock* currentJob();
+    // A named step: true when a test's hook ends the move here.
+    bool cutAt(const char* step);
+    StatusCode cutHere();
 
     // queues and threads
     MSG_Q_ID mQueue = nullptr;
@@ -191,6 +203,7 @@ private:
 
     CapacityProbe mCapacityProbe = nullptr;
     ResyncDiskSource mResyncSource = nullptr;
+    StepHook mStepHook = nullptr;
 
     std::mutex mPatchLock;
     std::vector<PatchRequest> mPatches;

@@ -16,6 +16,7 @@
 #include "util/CrashPoint.h"
 #include "util/Trace.h"
 #include "zone/LayoutManager.h"
+#include "zone/LayoutManagerJournal.h"
 #include "zone/ZoneManager.h"
 #include "zone/ZoneReadContext.h"
 #include "zone/ZoneTable.h"
@@ -150,10 +151,10 @@ StatusCode LayoutManager::RelayoutZone(uint32_t& zone, bool ignoreErrors, unsign
         mMoveActive.store(false);
         return st;
     }
-    CrashPoint("lm.relayout.staged");
+    if (cutAt("lm.relayout.staged")) return cutHere();
     // 5.
     mZoneBeingMoved.store(zone);
-    J2Manager::GetInstance()->sync();
+    journalSync();
     // 6.
     uint32_t offsets[24];
     for (unsigned i = 0; i < 24; ++i) offsets[i] = i * regionSize();
@@ -162,9 +163,21 @@ StatusCode LayoutManager::RelayoutZone(uint32_t& zone, bool ignoreErrors, unsign
         tracef(coutTrace, "RelayoutZone: CopySectionSet failed - %s\n", st.Dump().c_str());
         return abandonMove("Failed to free the regions during tidyup after error - %s\n", st);
     }
-    CrashPoint("lm.relayout.copied");
+    if (cutAt("lm.relayout.copied")) return cutHere();
     return finishMove(zone, "Lookup of Zone being repaired failed - aborting relayout - %s\n", "Relayout of Zone ",
                       startTick);
+}
+
+bool LayoutManager::cutAt(const char* step) {
+    CrashPoint(step);
+    return mStepHook && mStepHook(step);
+}
+
+StatusCode LayoutManager::cutHere() {
+    // What a power cut leaves: the disks as they are; only memory state goes.
+    mZoneBeingMoved.store(kZoneOne);
+    mMoveActive.store(false);
+    return StatusCode::LM_LayoutAborted;
 }
 
 StatusCode LayoutManager::abandonMove(const char* failure, StatusCode status) {
@@ -242,12 +255,12 @@ StatusCode LayoutManager::finishMove(uint32_t zone, const char* lookupFailure, c
             st = table().UpdateZoneTableEntry(kZoneOne, one, tracker);
             if (!st.ok()) tracef(coutTrace, "ZoneOne wipe ZoneUpdate failed - %s\n", st.Dump().c_str());
         }
-        CrashPoint("lm.move.swapped");
+        CrashPoint("lm.move.swapped");  // before the commit: a power cut only
     }
     // 12. Steps 10 and 11 are one atomic set: after a crash either the old
     //     layout stands whole (ZoneOne to be emptied) or the new one does.
     StatusCode st = tracker.commit();
-    CrashPoint("lm.move.committed");
+    if (cutAt("lm.move.committed")) return cutHere();
     const double seconds = double(tick64Get() - startTick) / sysClkRateGet();
     const double rate = seconds > 0 ? double(SystemDrivePackInfo::GetInstance()->GetZoneSize()) / seconds / kMiB : 0;
     char line[160];
@@ -286,7 +299,6 @@ StatusCode LayoutManager::CopySectionSet(uint32_t source, uint32_t destination, 
     auto send = [&](unsigned i) {
         if (!mCopyQueue) {  // no copy thread (tools and tests): the caller copies
             mSectionStatus[i] = CopySection(source, destination, offsets[i], length, i, ignoreErrors, priority);
-            semGive(mSectionSem ? mSectionSem : nullptr);
             return;
         }
         Message m{kCopySection, 0, source, destination, offsets[i], length, i, uint8_t(ignoreErrors),
@@ -341,6 +353,7 @@ StatusCode LayoutManager::CopySection(uint32_t source, uint32_t destination, uin
             tracef(coutTrace, "CopySection aborting since restart requested\n");
             return StatusCode::LM_LayoutAborted;
         }
+        if (cutAt("lm.copy.chunk")) return StatusCode::LM_LayoutAborted;
         const uint32_t n = std::min(chunk, offset + length - pos);
         StatusCode st = copyOneChunk(source, destination, pos, n, ignoreErrors, buffer);
         if (!st.ok()) return st;
@@ -354,7 +367,7 @@ StatusCode LayoutManager::copyOneChunk(uint32_t source, uint32_t destination, ui
     JobControlBlock* job = currentJob();
     for (;;) {
         // 1.
-        J2Manager::GetInstance()->flushIfOverHalfFull();
+        journalFlushIfOverHalfFull();
         if (job) {
             job->pause();
             job->resume();
@@ -391,7 +404,7 @@ StatusCode LayoutManager::copyOneChunk(uint32_t source, uint32_t destination, ui
         if (anyNotEvictable(srcLocks) || anyNotEvictable(dstLocks)) {
             zm()->UnlockStripes(destination, offset, chunk, dstLocks, tracker);
             zm()->UnlockStripes(source, offset, chunk, srcLocks, tracker);
-            J2Manager::GetInstance()->sync();
+            journalSync();
             continue;
         }
         StatusCode result;
@@ -400,7 +413,7 @@ StatusCode LayoutManager::copyOneChunk(uint32_t source, uint32_t destination, ui
             LockObject::ExclusiveLockInstance repair(&mRepairLock);
             mCopyStart.store(offset);
             mCopyEnd.store(offset + chunk);
-            J2Manager::FlushHold hold(*J2Manager::GetInstance());
+            JournalHold hold;
             // 6.
             DataWindow window(buffer, 0, chunk);
             result = zm()->ReadDataNoLock(source, offset, window, tracker, &srcLocks);

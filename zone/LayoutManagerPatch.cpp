@@ -19,6 +19,7 @@
 #include "util/CrashPoint.h"
 #include "util/Trace.h"
 #include "zone/LayoutManager.h"
+#include "zone/LayoutManagerJournal.h"
 #include "zone/ZoneManager.h"
 #include "zone/ZoneTable.h"
 
@@ -152,11 +153,11 @@ StatusCode LayoutManager::PatchZone(uint32_t& zone, bool ignoreErrors) {
     }
     ESA_CONSOLE("Patching from Disk:Region" << from.str());
     ESA_CONSOLE("to Disk:Region" << to.str());
-    CrashPoint("lm.patch.staged");
+    if (cutAt("lm.patch.staged")) return cutHere();
     StatusCode st;
     // 6.
     mZoneBeingMoved.store(zone);
-    J2Manager::GetInstance()->sync();
+    journalSync();
     // 7. In Zone order, so that patchedOffset only grows.
     std::sort(lost.begin(), lost.end(), [](const LostSlot& a, const LostSlot& b) { return a.offset < b.offset; });
     for (const LostSlot& l : lost) {
@@ -167,7 +168,7 @@ StatusCode LayoutManager::PatchZone(uint32_t& zone, bool ignoreErrors) {
         if (st == StatusCode::LM_LayoutAborted) return st;
         return fallback();
     }
-    CrashPoint("lm.patch.copied");
+    if (cutAt("lm.patch.copied")) return cutHere();
     // 8.
     return finishMove(zone, "Lookup of Zone being repaired failed - aborting patch - %s\n", "Patching of Zone ",
                       startTick);
@@ -199,6 +200,7 @@ StatusCode LayoutManager::PatchRegion(uint32_t zone, const ZoneTableEntry& entry
             tracef(coutTrace, "PatchRegion aborting since restart requested\n");
             return StatusCode::LM_LayoutAborted;
         }
+        if (cutAt("lm.patch.chunk")) return StatusCode::LM_LayoutAborted;
         const uint32_t n = std::min(chunk, end - pos);
         StatusCode st = patchOneChunk(zone, entry, slot, pos, pos - start, n);
         if (!st.ok()) return st;
@@ -209,7 +211,7 @@ StatusCode LayoutManager::PatchRegion(uint32_t zone, const ZoneTableEntry& entry
 
 StatusCode LayoutManager::patchOneChunk(uint32_t zone, const ZoneTableEntry& entry, unsigned slot,
                                         uint32_t zoneOffset, uint32_t regionOffset, uint32_t chunk) {
-    J2Manager::GetInstance()->flushIfOverHalfFull();
+    journalFlushIfOverHalfFull();
     JobControlBlock* job = currentJob();
     if (job) {
         job->pause();
@@ -240,7 +242,7 @@ StatusCode LayoutManager::patchOneChunk(uint32_t zone, const ZoneTableEntry& ent
         LockObject::ExclusiveLockInstance repair(&mRepairLock);
         mCopyStart.store(zoneOffset);
         mCopyEnd.store(zoneOffset + chunk);
-        J2Manager::FlushHold hold(*J2Manager::GetInstance());
+        JournalHold hold;
         DataWindow window(chunk, 0, chunk);
         RegionManager* rm = RegionManager::GetInstance();
         if (isMirror(entry.type())) {
