@@ -190,6 +190,13 @@ void LayoutManager::Rebuild(bool periodic) {
     }
     if (!optimum && pass >= kMaxRebuildPasses)
         say(stream, "Max passes (" + std::to_string(pass) + ") performed without reaching optimum efficiency");
+    {
+        // The capacity the new layouts give, for the capacity figures.
+        IOTracker t(READ_ONLY);
+        uint64_t potential = 0;
+        zm()->GetPotentialZoneCount(potential, t);
+        t.commitIfDirty();
+    }
     say(stream, "LM::Rebuild completed");
     if (!zm()->parallelIOs()) {
         say(stream, "LM: Reenabling parallel IOs in the ZM");
