@@ -216,3 +216,102 @@ TEST(RelayoutSystem, DisksAddedOneByOneUnderHostLoadTakeZonesAndGrowTheCapacity)
     }
     esa.kill9();
 }
+
+TEST(RelayoutSystem, WithDualRedundancyTwoDisksPulledAtOnceLoseNothing) {
+    TestBoard board;
+    makeBoard(board, "8G,8G,8G,8G,8G");
+    EsaProcess esa(board.dir().string(), {}, env());
+    ASSERT_TRUE(packLoaded(esa)) << esa.output();
+    ConsoleResult alloc = esa.console("alloczones 1");
+    std::vector<unsigned> zones = allocatedZonesIn(alloc.output);
+    ASSERT_EQ(zones.size(), 1u) << alloc.output;
+    const std::string pattern = std::to_string(zones[0]) + " 0x10200 0x61400 44";
+    ASSERT_EQ(esa.console("writeVerifyZM " + pattern).rc, 0);
+    // Switching the mode on upgrades every Zone to a dual-redundant type.
+    const size_t upgrades = count(esa.output(), "LM::Rebuild completed");
+    ASSERT_EQ(esa.console("dualRedundancy on").rc, 0);
+    std::string status;
+    ASSERT_TRUE(waitForLayout(esa, "LM::Rebuild completed", upgrades + 1, status)) << status << esa.output();
+    EXPECT_NE(esa.output().find("needs upgrading to DualRedundancy"), std::string::npos);
+    const std::string entry = esa.console("dumpZoneTableEntry " + std::to_string(zones[0])).output;
+    EXPECT_TRUE(entry.find("Mirrored3") != std::string::npos || entry.find("DRStripe") != std::string::npos) << entry;
+    ASSERT_EQ(esa.console("removeDisk 4").rc, 0);
+    ASSERT_EQ(esa.console("removeDisk 3").rc, 0);
+    ASSERT_TRUE(waitForLayout(esa, "LM: Degraded relayout finished", 1, status)) << status << esa.output();
+    EXPECT_EQ(esa.console("writeVerifyZM " + pattern + " verify").rc, 0);
+    expectCleanPack(esa);
+    esa.kill9();
+}
+
+// A power cut inside a relayout, at the copy, just before the swap's commit
+// and just after it: the next start frees what the staging Zone held, the
+// data are whole on whichever layout stands, and every record agrees.
+TEST(RelayoutSystem, PowerCutsInsideARelayoutLoseNothing) {
+    TestBoard board;
+    makeBoard(board, "8G,8G,8G");
+    unsigned zone = 0;
+    std::string pattern;
+    {
+        EsaProcess esa(board.dir().string(), {}, env());
+        ASSERT_TRUE(packLoaded(esa)) << esa.output();
+        ConsoleResult alloc = esa.console("alloczones 1");
+        std::vector<unsigned> zones = allocatedZonesIn(alloc.output);
+        ASSERT_EQ(zones.size(), 1u) << alloc.output;
+        zone = zones[0];
+        pattern = std::to_string(zone) + " 0x1f000 0x91400 61";
+        ASSERT_EQ(esa.console("writeVerifyZM " + pattern).rc, 0);
+        esa.console("reboot confirm");
+        EXPECT_EQ(esa.wait(), 75) << esa.output();
+    }
+    // Each start checks what the previous cut left, then cuts the next move.
+    const std::vector<std::string> steps = {"lm.copy.chunk 40", "lm.move.swapped", "lm.move.committed", ""};
+    for (const std::string& step : steps) {
+        SCOPED_TRACE(step);
+        EsaProcess esa(board.dir().string(), {}, env());
+        ASSERT_TRUE(packLoaded(esa)) << esa.output();
+        EXPECT_EQ(esa.console("writeVerifyZM " + pattern + " verify").rc, 0) << esa.output();
+        expectCleanPack(esa);
+        ConsoleResult one = esa.console("dumpZoneTableEntry 1");
+        EXPECT_FALSE(std::regex_search(one.output, std::regex("LD:RN [0-9]+:[1-9]")))
+            << "the staging Zone is empty: " << one.output;
+        if (step.empty()) {
+            esa.kill9();
+            break;
+        }
+        std::string status;
+        ASSERT_TRUE(waitForLayout(esa, "LM::Rebuild completed", 1, status)) << status;
+        ASSERT_EQ(esa.console("crashPoint " + step).rc, 0);
+        ASSERT_EQ(esa.console("relayout " + std::to_string(zone)).rc, 0);
+        EXPECT_EQ(esa.wait(std::chrono::seconds(120)), kCrashExit) << esa.output();
+    }
+}
+
+// A power cut inside the patch of a Zone that lost a disk: the next start
+// patches it again and the pack ends redundant with the data whole.
+TEST(RelayoutSystem, APowerCutInsideAPatchIsFinishedByTheNextStart) {
+    TestBoard board;
+    makeBoard(board, "8G,8G,8G,8G");
+    std::string pattern;
+    {
+        EsaProcess esa(board.dir().string(), {}, env());
+        ASSERT_TRUE(packLoaded(esa)) << esa.output();
+        std::string status;
+        ASSERT_TRUE(waitForLayout(esa, "LM::Rebuild completed", 1, status)) << status;
+        ConsoleResult alloc = esa.console("alloczones 1");
+        std::vector<unsigned> zones = allocatedZonesIn(alloc.output);
+        ASSERT_EQ(zones.size(), 1u) << alloc.output;
+        pattern = std::to_string(zones[0]) + " 0x3000 0x70000 77";
+        ASSERT_EQ(esa.console("writeVerifyZM " + pattern).rc, 0);
+        ASSERT_EQ(esa.console("crashPoint lm.patch.chunk 30").rc, 0);
+        ASSERT_EQ(esa.console("removeDisk 1").rc, 0);
+        EXPECT_EQ(esa.wait(std::chrono::seconds(120)), kCrashExit) << esa.output();
+        EXPECT_NE(esa.output().find("Patching Zone"), std::string::npos) << esa.output();
+    }
+    EsaProcess esa(board.dir().string(), {}, env());
+    ASSERT_TRUE(packLoaded(esa)) << esa.output();
+    std::string status;
+    ASSERT_TRUE(waitForLayout(esa, "LM: Degraded relayout finished", 1, status)) << status << esa.output();
+    EXPECT_EQ(esa.console("writeVerifyZM " + pattern + " verify").rc, 0);
+    expectCleanPack(esa);
+    esa.kill9();
+}
