@@ -66,16 +66,6 @@ bool hostRunning(EsaProcess& esa, uint64_t before) {
     return false;
 }
 
-bool packLoaded(EsaProcess& esa) {
-    if (!esa.waitForConsole()) return false;
-    for (int i = 0; i < 600; ++i) {
-        if (esa.console("state DPM").output.find("DISK PACK IS LOADED") != std::string::npos) return true;
-        if (!esa.running()) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    return false;
-}
-
 // Waits until the repair thread has nothing queued or running and no Zone is
 // degraded; `after` is a line of esa's output that must have appeared
 // `times` times first (the end of the rebuild the test caused).

@@ -160,6 +160,7 @@ private:
     void startIndication();
     void stopIndication();
     bool packLoaded() const;
+    void diskChanged(uint16_t disk, const char* how);
     bool packFull();
     void drainPendingPatches();
     StatusCode abandonMove(const char* failure, StatusCode status);
@@ -170,6 +171,10 @@ private:
     StatusCode patchOneChunk(uint32_t zone, const ZoneTableEntry& entry, unsigned slot, uint32_t zoneOffset,
                              uint32_t regionOffset, uint32_t chunk);
     JobControlBlock* currentJob();
+    // Room in the journal and a turn for other jobs before a chunk.
+    void betweenChunks();
+    // The Zone's entry, which must still be the one the move started from.
+    StatusCode sourceUnchanged(uint32_t zone, ZoneTableEntry& entry, const char* who);
     // A named step: true when a test's hook ends the move here.
     bool cutAt(const char* step);
     StatusCode cutHere();

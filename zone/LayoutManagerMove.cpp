@@ -289,6 +289,28 @@ StatusCode LayoutManager::SwapZoneEntries(ZoneTableEntry& a, ZoneTableEntry& b) 
 // ---------------------------------------------------------------------------
 // Sections and chunks
 
+void LayoutManager::betweenChunks() {
+    journalFlushIfOverHalfFull();
+    // Other jobs may run here; the scheduler holds the copy back for host I/O.
+    if (JobControlBlock* job = currentJob()) {
+        job->pause();
+        job->resume();
+    }
+}
+
+StatusCode LayoutManager::sourceUnchanged(uint32_t zone, ZoneTableEntry& entry, const char* who) {
+    StatusCode st = table().LookupZone(zone, entry);
+    if (!st.ok()) {
+        tracef(coutTrace, "%s - srcZone lookup failed - Zone may have been deallocated\n", who);
+        return st;
+    }
+    if (!entry.Matches(mSavedEntry)) {
+        tracef(coutTrace, "%s - srcZoneTableEntry has changed, Zone may have been deallocated/reallocated\n", who);
+        return StatusCode::InvalidZoneNumber;
+    }
+    return StatusCode::Success;
+}
+
 StatusCode LayoutManager::CopySectionSet(uint32_t source, uint32_t destination, unsigned count,
                                          const uint32_t* offsets, uint32_t length, bool ignoreErrors,
                                          unsigned priority) {
@@ -364,29 +386,16 @@ StatusCode LayoutManager::CopySection(uint32_t source, uint32_t destination, uin
 
 StatusCode LayoutManager::copyOneChunk(uint32_t source, uint32_t destination, uint32_t offset, uint32_t chunk,
                                        bool ignoreErrors, DataWindow& buffer) {
-    JobControlBlock* job = currentJob();
     for (;;) {
         // 1.
-        journalFlushIfOverHalfFull();
-        if (job) {
-            job->pause();
-            job->resume();
-        }
+        betweenChunks();
         // 2.
         IOTracker tracker(READ_WRITE);
         IOTrackerCommitter done(tracker);
         ExtendingLockObject::SharedLockInstance shared(&table().tableLock(), tracker);
         ZoneTableEntry src;
-        StatusCode st = table().LookupZone(source, src);
-        if (!st.ok()) {
-            tracef(coutTrace, "LM:CopySection - srcZone lookup failed - Zone may have been deallocated\n");
-            return st;
-        }
-        if (!src.Matches(mSavedEntry)) {
-            tracef(coutTrace,
-                   "LM:CopySection - srcZoneTableEntry has changed, Zone may have been deallocated/reallocated\n");
-            return StatusCode::InvalidZoneNumber;
-        }
+        StatusCode st = sourceUnchanged(source, src, "LM:CopySection");
+        if (!st.ok()) return st;
         // 3.
         StripeLocks srcLocks, dstLocks;
         st = zm()->LockStripes(source, offset, chunk, srcLocks, tracker);

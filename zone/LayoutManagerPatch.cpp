@@ -211,25 +211,13 @@ StatusCode LayoutManager::PatchRegion(uint32_t zone, const ZoneTableEntry& entry
 
 StatusCode LayoutManager::patchOneChunk(uint32_t zone, const ZoneTableEntry& entry, unsigned slot,
                                         uint32_t zoneOffset, uint32_t regionOffset, uint32_t chunk) {
-    journalFlushIfOverHalfFull();
-    JobControlBlock* job = currentJob();
-    if (job) {
-        job->pause();
-        job->resume();
-    }
+    betweenChunks();
     IOTracker tracker(READ_WRITE);
     IOTrackerCommitter done(tracker);
     ExtendingLockObject::SharedLockInstance shared(&table().tableLock(), tracker);
     ZoneTableEntry src;
-    StatusCode st = table().LookupZone(zone, src);
-    if (!st.ok()) {
-        tracef(coutTrace, "PatchRegion - srcZone lookup failed - Zone may have been deallocated\n");
-        return st;
-    }
-    if (!src.Matches(mSavedEntry)) {
-        tracef(coutTrace, "PatchRegion - srcZoneTableEntry has changed, Zone may have been deallocated/reallocated\n");
-        return StatusCode::InvalidZoneNumber;
-    }
+    StatusCode st = sourceUnchanged(zone, src, "PatchRegion");
+    if (!st.ok()) return st;
     StripeLocks locks;
     st = zm()->LockStripes(zone, zoneOffset, chunk, locks, tracker);
     if (!st.ok()) {

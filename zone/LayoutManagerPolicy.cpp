@@ -104,26 +104,17 @@ unsigned LayoutManager::BackgroundPriority() {
 // ---------------------------------------------------------------------------
 // The disk events
 
-void LayoutManager::LogicalDiskAdded(uint16_t& disk) {
-    if (!packLoaded()) {
-        ESA_CONSOLE("Logical disk " << disk << " has been added but Diskpack not yet loaded - not rebuilding");
-        return;
-    }
-    postEvent("LM: rebuild initiated as logical disk " + std::to_string(disk) + " added");
-    const auto start = tick64Get();
-    Rebuild(false);
-    const unsigned seconds = unsigned((tick64Get() - start) / sysClkRateGet());
-    ESA_CONSOLE("Rebuilding completed in " << seconds << " seconds");
-    postEvent("LM: rebuild completed in " + std::to_string(seconds) + " seconds");
-}
+void LayoutManager::LogicalDiskAdded(uint16_t& disk) { diskChanged(disk, "added"); }
 
-void LayoutManager::LogicalDiskRemoved(uint16_t& disk) {
+void LayoutManager::LogicalDiskRemoved(uint16_t& disk) { diskChanged(disk, "removed"); }
+
+void LayoutManager::diskChanged(uint16_t disk, const char* how) {
     if (!packLoaded()) {
-        ESA_CONSOLE("Logical disk " << disk << " has been removed but Diskpack not yet loaded - not rebuilding");
+        ESA_CONSOLE("Logical disk " << disk << " has been " << how << " but Diskpack not yet loaded - not rebuilding");
         stopIndication();
         return;
     }
-    postEvent("LM: rebuild initiated as logical disk " + std::to_string(disk) + " removed");
+    postEvent("LM: rebuild initiated as logical disk " + std::to_string(disk) + " " + how);
     const auto start = tick64Get();
     Rebuild(false);
     const unsigned seconds = unsigned((tick64Get() - start) / sysClkRateGet());
