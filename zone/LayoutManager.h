@@ -64,8 +64,13 @@ public:
 
     static LayoutManager* GetInstance();
     StatusCode Initialize();
-    StatusCode LoadDiskPack() { return StatusCode::Success; }
-    // Asks a running pass to stop and waits until no move is active.
+    // Moves may run again (after an unload).
+    StatusCode LoadDiskPack() {
+        mUnloading.store(false);
+        return StatusCode::Success;
+    }
+    // Ends the running pass and the move in progress (its copy is thrown
+    // away) and waits until no move is active; none starts until the next load.
     StatusCode UnloadDiskPack();
     StatusCode CreateLMThread();
     StatusCode CreateLMCopyThreads();
@@ -202,6 +207,7 @@ private:
     ReentrantLockObject mUpdateLock;  // "rLMUpdateLock"
     StatusCode mSectionStatus[kSections];
     std::atomic<bool> mRebuildRunning{false};
+    std::atomic<bool> mUnloading{false};
     std::atomic<bool> mIndication{false};
     std::atomic<unsigned> mPriorityOverride{0};
     std::atomic<uint64_t> mMovesCompleted{0}, mBytesMoved{0};
