@@ -1,10 +1,11 @@
-// Console commands of the relayout engine: lmKick (a rebuild pass now),
+// Console commands of the relayout engine (and its `state LayoutManager`): lmKick (a rebuild pass now),
 // relayout ZONE, lmPriority (fix the copy priority), lmStatus (state and the
 // degraded counts, "idle" once nothing is queued or running), resyncZone (a
 // fast resync by hand).
 #include <string>
 
 #include "util/ConsoleCommand.h"
+#include "util/ManagerRegistry.h"
 #include "zone/LayoutManager.h"
 #include "zone/ZoneManager.h"
 
@@ -94,6 +95,12 @@ int resyncZone(int argc, char** argv, std::ostream& out) {
     out << "resyncZone: Zone " << zone << " - " << st << "\n";
     return st.ok() ? 0 : -1;
 }
+
+struct Registration {
+    Registration() {
+        ManagerRegistry::add("LayoutManager", [](std::ostream& out) { LayoutManager::GetInstance()->Dump(out); });
+    }
+} gRegistration;
 
 }  // namespace
 
