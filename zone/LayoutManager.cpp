@@ -3,6 +3,8 @@
 // LayoutManagerPatch.cpp, the policy in LayoutManagerPolicy.cpp.
 #include "zone/LayoutManager.h"
 
+#include <algorithm>
+
 #include <chrono>
 #include <functional>
 #include <thread>
@@ -112,6 +114,7 @@ void LayoutManager::LayoutManagerLoop() {
         mWaiting.store(true);
         const int got = msgQReceive(mQueue, &m, sizeof m, sysClkRateGet() * kPeriodicSeconds);
         mWaiting.store(false);
+        while (mHeld.load()) taskDelay(std::max(1, sysClkRateGet() / 10));
         job.resume();
         Sched::GetInstance()->suspendIfBackgroundDisabled();
         if (got != int(sizeof m)) {
@@ -189,7 +192,7 @@ void LayoutManager::InitiateAddDisk(unsigned short logicalDisk) {
 }
 
 void LayoutManager::InitiateRemoveDisk(unsigned short logicalDisk) {
-    startIndication();
+    if (!mHeld.load()) startIndication();  // a held thread rebuilds nothing yet
     initiate("InitiateRemoveDisk", mRestartRequested, mMoveActive.load(), packLoaded(),
              [&] { sendRepairMessage(Message{kRemoveDisk, logicalDisk, 0, 0, 0, 0, 0, 0, 0, 0, nullptr}); }, mQueue != nullptr);
 }
