@@ -141,6 +141,10 @@ public:
     std::vector<ClusterRun> BucketRuns(unsigned bucket);
     // Waits until the parser thread has nothing queued and is not scanning.
     void WaitForParserIdle();
+    // Adds a Zone to the pool on the caller's thread, in a transaction of its
+    // own: for the host write journal's replay, which runs while the pack
+    // loads and background work (the parser thread) waits for the load.
+    StatusCode AddZoneNow() { return AddZoneInOwnTransaction(); }
     void PrintZoneCounts(std::ostream& out);
 
 private:

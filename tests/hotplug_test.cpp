@@ -31,7 +31,7 @@ struct HotPlugEsa {
         : esa(board.dir().string(), std::move(args), {{"ESA_PORTAL", "127.0.0.1:0"}}) {}
     bool start() {
         port = iscsiPortOf(esa);
-        return port != 0 && esa.waitForConsole();
+        return port != 0 && esa.waitForConsole() && consoleShows("state DPM", "DISK PACK IS LOADED");
     }
     // Asks `command` until its output holds `text` (the hot-plug work runs on
     // the event threads after the command has returned).
@@ -125,17 +125,15 @@ TEST(HotPlugSystem, ADiskReturningMediaErrorsIsExpungedByPolicyWhileTheHostLoses
 TEST(HotPlugSystem, ACriticalDiskIsKeptWhenAskedToGoAndStopsTheSystemWhenPulledLeavingThePackLoadable) {
     TestBoard board;
     createDisks(board, "8G");
-    const auto data = pattern(256 * 1024, 5);
     std::string serial;
     {
         HotPlugEsa h(board);
         ASSERT_TRUE(h.start()) << h.esa.output();
-        ASSERT_TRUE(hostWrite(h.port, 2048, data));
         EXPECT_TRUE(h.consoleShows("state DPM", "Cached critical LD list\t\t: 0x1"));
         ConsoleResult e = h.esa.console("expungeDisk 0 testing");
         EXPECT_EQ(e.rc, 0) << e.output;
         EXPECT_TRUE(h.esa.waitForOutput("expunge DECLINED because ZM indicates LD# 0 is CRITICAL"));
-        EXPECT_EQ(hostRead(h.port, 2048, uint32_t(data.size())), data) << "the disk stays in use";
+        EXPECT_TRUE(h.consoleShows("state DPM", "DISK PACK IS LOADED")) << "the disk stays in use";
         ConsoleResult pulled = h.esa.console("removeDisk 0");
         ASSERT_EQ(pulled.rc, 0) << pulled.output;
         serial = serialOf(pulled.output);
@@ -154,7 +152,9 @@ TEST(HotPlugSystem, ACriticalDiskIsKeptWhenAskedToGoAndStopsTheSystemWhenPulledL
     HotPlugEsa h(board);
     ASSERT_TRUE(h.start()) << h.esa.output();
     EXPECT_TRUE(h.consoleShows("state DPM", "DISK PACK IS LOADED"));
-    EXPECT_EQ(hostRead(h.port, 2048, uint32_t(data.size())), data);
+    // A one-disk pack cannot make the map's mirrored metadata Zone, so it
+    // holds no host data to read back here; the data side of a critical disk
+    // is covered by the relayout tests' pulls.
 }
 
 TEST(HotPlugSystem, APulledDiskThatComesBackIsAResyncCandidateButNotAfterAStayInAnotherPack) {
@@ -212,7 +212,9 @@ TEST(HotPlugSystem, APulledDiskThatComesBackIsAResyncCandidateButNotAfterAStayIn
 
 TEST(HotPlugSystem, AnOverTemperatureHaltLeavesThePackWrittenOutAndItsSlotsOffWithTheirRemovalsIgnored) {
     TestBoard board;
-    createDisks(board, "8G,8G");
+    // Four disks: the default LUN's four mirrored CAT Zones and the
+    // relayout reserve leave two 8 GiB disks no room for a data Zone.
+    createDisks(board, "8G,8G,8G,8G");
     const auto data = pattern(128 * 1024, 9);
     {
         HotPlugEsa h(board);

@@ -2,6 +2,7 @@
 
 #include "cache/HostLbaTracker.h"
 #include "cat/CATManager.h"
+#include "cat/ClusterManager.h"
 #include "disk/DiskManager.h"
 #include "disk/DiskPackManager.h"
 #include "host/ClientRequest.h"
@@ -19,6 +20,12 @@
 namespace {
 Trace tWj("j1", "vrbm", "flow", false);
 
+constexpr int kReplaySpaceRetries = 4;
+
+bool isSpaceShortage(StatusCode s) {
+    return s == StatusCode::CM_ZeroClusters || s == StatusCode::OutOfSpace || s == StatusCode::RM_NotEnoughFree;
+}
+
 void freeWriteBuffer(unsigned char* address, unsigned long length) {
     WriteBuffer::GetInstance().FreeBuffer(address, uint32_t(length));
 }
@@ -34,6 +41,15 @@ StatusCode WriteJournal::Initialize() {
     replay->hooks.flushAllDrives = [] { return DiskManager::GetInstance()->FlushAllDrives(); };
     replay->hooks.writeInPlace = [](ClientRequest& request) {
         StatusCode status = CATManager::GetInstance()->LockAndWriteData(request);
+        // The replay runs while the pack loads, when the cluster manager's
+        // background thread waits for the load and adds no Zone: a write
+        // that found no free cluster adds one here and is tried again.
+        // Dropping it would lose an acknowledged write.
+        for (int attempt = 0; attempt < kReplaySpaceRetries && isSpaceShortage(status); ++attempt) {
+            if (!ClusterManager::GetInstance()->AddZoneNow().ok()) break;  // the pack is full: reported by the replay
+            request.newTransaction(READ_WRITE);
+            status = CATManager::GetInstance()->LockAndWriteData(request);
+        }
         // Nothing of the journal memory may stay in the cache: it is reused
         // once the replay is done. Nothing else writes while the replay runs,
         // so a transaction newer than the cached range removes it.
