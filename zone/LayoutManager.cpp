@@ -3,8 +3,6 @@
 // LayoutManagerPatch.cpp, the policy in LayoutManagerPolicy.cpp.
 #include "zone/LayoutManager.h"
 
-#include <algorithm>
-
 #include <chrono>
 #include <functional>
 #include <thread>
@@ -114,7 +112,6 @@ void LayoutManager::LayoutManagerLoop() {
         mWaiting.store(true);
         const int got = msgQReceive(mQueue, &m, sizeof m, sysClkRateGet() * kPeriodicSeconds);
         mWaiting.store(false);
-        while (mHeld.load()) taskDelay(std::max(1, sysClkRateGet() / 10));
         job.resume();
         Sched::GetInstance()->suspendIfBackgroundDisabled();
         if (got != int(sizeof m)) {
@@ -192,7 +189,7 @@ void LayoutManager::InitiateAddDisk(unsigned short logicalDisk) {
 }
 
 void LayoutManager::InitiateRemoveDisk(unsigned short logicalDisk) {
-    if (!mHeld.load()) startIndication();  // a held thread rebuilds nothing yet
+    startIndication();
     initiate("InitiateRemoveDisk", mRestartRequested, mMoveActive.load(), packLoaded(),
              [&] { sendRepairMessage(Message{kRemoveDisk, logicalDisk, 0, 0, 0, 0, 0, 0, 0, 0, nullptr}); }, mQueue != nullptr);
 }

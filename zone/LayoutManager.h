@@ -147,10 +147,6 @@ public:
     unsigned priorityOverride() const { return mPriorityOverride.load(); }
     void setPriorityOverride(unsigned priority) { mPriorityOverride.store(priority); }
     void requestRestart() { mRestartRequested.store(true); }
-    // A diagnostic hold (console `lmHold`): while set, the repair thread
-    // starts no work; what it was asked meanwhile runs once it is released.
-    void setHold(bool on) { mHeld.store(on); }
-    bool held() const { return mHeld.load(); }
 
     // The patch requests so far, oldest first (at most kPatchHistory kept).
     static constexpr size_t kPatchHistory = 256;
@@ -197,7 +193,6 @@ private:
     JobControlBlock* mCopyJob = nullptr;
     SEM_ID mSectionSem = nullptr;
     std::atomic<bool> mWaiting{false};
-    std::atomic<bool> mHeld{false};
 
     // a move
     std::atomic<bool> mMoveActive{false};

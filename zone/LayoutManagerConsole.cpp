@@ -36,16 +36,6 @@ int lmKick(int, char**, std::ostream& out) {
     return 0;
 }
 
-int lmHold(int argc, char** argv, std::ostream& out) {
-    if (argc != 2 || (std::string(argv[1]) != "on" && std::string(argv[1]) != "off")) {
-        out << "usage: lmHold on|off\n";
-        return -1;
-    }
-    lm()->setHold(std::string(argv[1]) == "on");
-    out << "LayoutManager repair thread " << (lm()->held() ? "held" : "released") << "\n";
-    return 0;
-}
-
 int relayout(int argc, char** argv, std::ostream& out) {
     uint32_t zone = 0;
     if (argc != 2 || !zoneArgument(argv[1], zone, out)) {
@@ -115,7 +105,6 @@ struct Registration {
 }  // namespace
 
 ConsoleCommand gLmKick("lmKick", "Starts a LayoutManager repair and relayout pass", lmKick);
-ConsoleCommand gLmHold("lmHold", "Holds the LayoutManager repair thread (on) or lets it go on (off)", lmHold);
 ConsoleCommand gRelayout("relayout", "Re-lays one Zone out in the background", relayout);
 ConsoleCommand gLmPriority("lmPriority", "Fixes the priority (1-4) of every relayout copy; 0 ends the override",
                            lmPriority);
