@@ -100,7 +100,7 @@ void DiskUtilizationDaemon::CalculateCapacity() {
     const uint64_t perZone = cm->GetClustersPerZone();
     const uint64_t inUse = cm->GetZonesInUse();
     const uint64_t used = cm->GetAllocatedClusters();
-    const bool selfMirrored = zm->SelfMirroredZones();
+    const bool selfMirrored = zm->SelfMirroredZones(tracker);
     const bool degraded = zm->DegradedZones(tracker);
     const bool useSelfMirrored = zm->zoneTable().UseSelfMirrored();
 

@@ -236,7 +236,6 @@ bool SystemManager::secondStageLoadDiskPack2() {
         }
     }
     // 18.
-    mLayoutManager->LoadDiskPack();
     mLayoutManager->InitiateBackgroundRepair();
     // 19.
     if (!mNoHost && mSystemState != 2) USBTransport::GetInstance()->transportEnable(true);
@@ -253,7 +252,6 @@ bool SystemManager::UnloadDiskPack() {
     if (!mDebug->intConsistencyCheck(coutTrace))
         reportUnaryAssertion(__FILE__, __LINE__, __func__, "intConsistencyCheck before unload");
     if (!unloadStep("DataScrubber", DataScrubber::GetInstance()->UnloadDiskPack())) return false;
-    if (!unloadStep("LayoutManager", mLayoutManager->UnloadDiskPack())) return false;
     if (!unloadStep("HRManager", mHRManager->UnloadDiskPack())) return false;
     if (!unloadStep("DiskUtilizationDaemon", mDiskUtilizationDaemon->UnloadDiskPack())) return false;
     if (!unloadStep("HostAppManager", mHAManager->UnloadDiskPack())) return false;

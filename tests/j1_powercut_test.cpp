@@ -35,8 +35,6 @@
 
 namespace {
 
-using packimage::packLoaded;
-
 constexpr uint64_t kAreaStart = 2048;   // sectors
 constexpr uint32_t kAreaSectors = 8192;  // 4 MiB: the writers meet often
 constexpr uint32_t kMaxWrite = 256;      // 128 KiB
@@ -109,6 +107,16 @@ void writer(uint16_t port, int number, uint64_t seed, AckLog& log, std::atomic<b
         if (!good) return;  // the power went
         log.acknowledge(gen);
     }
+}
+
+bool packLoaded(EsaProcess& esa) {
+    if (!esa.waitForConsole()) return false;
+    for (int i = 0; i < 600; ++i) {
+        if (esa.console("state DPM").output.find("DISK PACK IS LOADED") != std::string::npos) return true;
+        if (!esa.running()) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return false;
 }
 
 std::map<std::string, std::string> env(const std::string& crashAt = {}) {

@@ -38,22 +38,6 @@ protected:
         RegionTestFixture::TearDown();
     }
 
-    // A restart of the disk, Region and Zone layers: nothing kept in memory,
-    // the disks found again in their slots. What the layers wrote is on the
-    // disks first (without the journal nothing else would carry it across).
-    void restartPackLayers() {
-        dm()->FlushAllDrives();
-        ZoneManager::GetInstance()->UnloadDiskPack();
-        rm()->UnloadDiskPack();
-        dlbat()->flush();
-        dm()->UnloadDiskPack();
-        ctl().forget();
-        ASSERT_EQ(dm()->LoadDiskPack(false), StatusCode::Success);
-        drainMessages();
-        ASSERT_EQ(reloadPackFromDisks(), StatusCode::Success);
-        ASSERT_EQ(ZoneManager::GetInstance()->LoadDiskPack(), StatusCode::Success);
-    }
-
     // `count` disks of `size`, a new pack on them, the Zone table loaded
     // (which makes Zones 0 and 1).
     void loadPack(unsigned count, const std::string& size = "16G") {

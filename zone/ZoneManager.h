@@ -173,33 +173,14 @@ public:
     void PerfInfoIO(std::ostream& out);
     void ClearPerfInfoIO();
 
-    // ---- pack status for the management pages (ZoneManagerStatus.cpp):
-    // degraded and SelfMirrored Zones counted in one walk of the table.
+    // ---- pack status for the management pages and the capacity daemon
+    // (ZoneManagerStatus.cpp). Each walks the Zone table once, Zone 1 left
+    // out, taking the table lock shared per Zone.
     StatusCode GetDegradedSelfMirroredCount(uint64_t& degraded, uint64_t& selfMirrored, IOTracker& tracker);
-
-    // ---- Relayout support: degraded state, critical disks, unusable
-    // Regions (ZoneManagerRelayout.cpp) -----------------------------------
-    // Marks the Region that holds copy `dataCopy` (0 data, 1 primary, 2
-    // secondary) at `offset` unusable, so that the Zone is rebuilt; refused
-    // when the Zone would lose data or every disk would become critical.
-    StatusCode MarkRegionUnusable(uint32_t zone, uint32_t offset, unsigned dataCopy, IOTracker& tracker);
-    // No slot free to take a replacement disk: the slot's disk is critical,
-    // 8 disks are available and each other is critical or used by the Zone.
-    bool AllSlotsWouldBeCritical(const ZoneTableEntry& entry, unsigned slot, IOTracker& tracker);
-    // An error no I/O path saw (the error policy): the ZIS copy is repaired,
-    // or the Zone that holds the Region is patched.
-    void outOfBandError(uint16_t disk, uint32_t region, int errorType, StatusCode status);
+    // Any Zone but Zone 1 degraded (a Region on a missing disk).
     bool DegradedZones(IOTracker& tracker);
-    bool SelfMirroredZones();
-    uint64_t GetDegradedZoneCount();
-    uint64_t GetDoubleDegradedZoneCount();
-    uint64_t GetSelfMirroredZoneCount();
-    uint64_t GetMetadataZoneCount();
-    // The disk holds a ZIS copy or a Region of some Zone other than Zone 1.
-    bool CheckDiskInUse(uint16_t disk);
-    // Missing disks that nothing uses any more leave the pack.
-    void DeleteUnusedDisks();
-    // ---- end of relayout support -----------------------------------------
+    // Any Zone but Zone 1 SelfMirrored.
+    bool SelfMirroredZones(IOTracker& tracker);
 
 private:
     ZoneManager() = default;

@@ -1,5 +1,5 @@
-// Counts over the Zone table that the management pages read: degraded and
-// SelfMirrored Zones.
+// Counts over the Zone table that the management pages and the capacity
+// daemon read: degraded and SelfMirrored Zones.
 #include "zone/ZoneManager.h"
 
 namespace {
@@ -35,4 +35,24 @@ StatusCode ZoneManager::GetDegradedSelfMirroredCount(uint64_t& degraded, uint64_
         else if (e.IsDegraded() || e.IsDoubleDegraded()) ++degraded;
         return true;
     });
+}
+
+bool ZoneManager::DegradedZones(IOTracker& tracker) {
+    if (!mPackLoaded) return false;
+    bool found = false;
+    forEachZone(zoneTable(), tracker, [&](const ZoneTableEntry& e) {
+        found = e.type() != RedundancyType::SelfMirrored && (e.IsDegraded() || e.IsDoubleDegraded());
+        return !found;
+    });
+    return found;
+}
+
+bool ZoneManager::SelfMirroredZones(IOTracker& tracker) {
+    if (!mPackLoaded) return false;
+    bool found = false;
+    forEachZone(zoneTable(), tracker, [&](const ZoneTableEntry& e) {
+        found = e.type() == RedundancyType::SelfMirrored;
+        return !found;
+    });
+    return found;
 }

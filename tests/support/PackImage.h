@@ -10,11 +10,9 @@
 
 #include <cstdlib>
 #include <algorithm>
-#include <chrono>
 #include <filesystem>
 #include <regex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "tests/support/EsaProcess.h"
@@ -35,18 +33,6 @@ inline void createDisks(const TestBoard& board, const std::string& sizes) {
 }
 inline void pullDisk(const TestBoard& board, int slot) {
     boardTool(board, "pull " + board.dir().string() + " " + std::to_string(slot));
-}
-
-// Waits until esa's console answers and the pack is loaded; false if esa ended
-// or the pack did not load within a minute.
-inline bool packLoaded(EsaProcess& esa) {
-    if (!esa.waitForConsole()) return false;
-    for (int i = 0; i < 600; ++i) {
-        if (esa.console("state DPM").output.find("DISK PACK IS LOADED") != std::string::npos) return true;
-        if (!esa.running()) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    return false;
 }
 
 inline fs::path img(const TestBoard& board, int slot) { return board.path("slots/" + std::to_string(slot) + ".img"); }
