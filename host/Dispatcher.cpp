@@ -43,13 +43,8 @@ StatusCode Dispatcher::Initialize() {
 // OutOfSpace for all three: it is the one the transport turns into the
 // "space allocation failed" sense an initiator understands.
 StatusCode Dispatcher::hostWriteStatus(StatusCode s) {
-    switch (s.value()) {
-    case StatusCode::Success: return s;
-    case StatusCode::OutOfSpace:
-    case StatusCode::RM_NotEnoughFree:
-    case StatusCode::CM_ZeroClusters: return StatusCode::OutOfSpace;
-    default: return StatusCode::WriteError;
-    }
+    if (s.ok()) return s;
+    return s.isSpaceShortage() ? StatusCode::OutOfSpace : StatusCode::WriteError;
 }
 
 void Dispatcher::ProcessReadTransactions() {

@@ -51,6 +51,10 @@ public:
     constexpr uint32_t value() const { return mValue; }
     constexpr operator uint32_t() const { return mValue; }
     constexpr bool ok() const { return mValue == Success; }
+    // No space to place a write: the pack, a Zone's Regions or the cluster pool.
+    constexpr bool isSpaceShortage() const {
+        return mValue == OutOfSpace || mValue == RM_NotEnoughFree || mValue == CM_ZeroClusters;
+    }
 
     // The name without the "StatusCode::" prefix, or null for a value outside the table.
     static const char* Name(uint32_t value);

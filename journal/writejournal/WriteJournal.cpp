@@ -22,10 +22,6 @@ Trace tWj("j1", "vrbm", "flow", false);
 
 constexpr int kReplaySpaceRetries = 4;
 
-bool isSpaceShortage(StatusCode s) {
-    return s == StatusCode::CM_ZeroClusters || s == StatusCode::OutOfSpace || s == StatusCode::RM_NotEnoughFree;
-}
-
 void freeWriteBuffer(unsigned char* address, unsigned long length) {
     WriteBuffer::GetInstance().FreeBuffer(address, uint32_t(length));
 }
@@ -45,7 +41,7 @@ StatusCode WriteJournal::Initialize() {
         // background thread waits for the load and adds no Zone: a write
         // that found no free cluster adds one here and is tried again.
         // Dropping it would lose an acknowledged write.
-        for (int attempt = 0; attempt < kReplaySpaceRetries && isSpaceShortage(status); ++attempt) {
+        for (int attempt = 0; attempt < kReplaySpaceRetries && status.isSpaceShortage(); ++attempt) {
             if (!ClusterManager::GetInstance()->AddZoneNow().ok()) break;  // the pack is full: reported by the replay
             request.newTransaction(READ_WRITE);
             status = CATManager::GetInstance()->LockAndWriteData(request);
